@@ -1,0 +1,184 @@
+#include "bus/DebugText.h"
+
+#include "bus/Clock.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include <unistd.h>
+
+namespace {
+
+constexpr char kInformation = '6';
+constexpr char kDebug = '7';
+constexpr std::size_t kPriorityBytes = 3;
+
+const bool g_underJournal = std::getenv("JOURNAL_STREAM") != nullptr;
+DebugText::Sink g_sink = nullptr;
+
+/// How often a line came in the current second. A collision of two lines in the table forgets
+/// the older one, so that at worst a line is written that could have been counted.
+struct Repeats {
+    static constexpr std::size_t kKeptBytes = 200;
+
+    std::uint64_t hash = 0;
+    int count = 0;
+    char priority = kInformation;
+    std::size_t keptLength = 0;
+    char kept[kKeptBytes];
+};
+
+std::array<Repeats, 64> g_repeats;
+quint32 g_repeatsSecond = 0;
+
+void writeLine(char priority, const char* text, std::size_t length) {
+    length = std::min(length, DebugText::kMaximumLineBytes);
+    if (g_sink) {
+        g_sink(text, length);
+        return;
+    }
+    char line[kPriorityBytes + DebugText::kMaximumLineBytes + 1];
+    std::size_t used = 0;
+    if (g_underJournal) {
+        line[used++] = '<';
+        line[used++] = priority;
+        line[used++] = '>';
+    }
+    std::memcpy(line + used, text, length);
+    used += length;
+    line[used++] = '\n';
+    while (::write(STDERR_FILENO, line, used) < 0 && errno == EINTR) {
+    }
+}
+
+void writeOwedCount(Repeats& repeats) {
+    const int owed = repeats.count - DebugText::kRepeatsPerSecond;
+    repeats.count = 0;
+    if (owed <= 0) {
+        return;
+    }
+    char line[Repeats::kKeptBytes + 64];
+    const int length = std::snprintf(line, sizeof line, "%.*s (and %d times more)",
+                                     int(repeats.keptLength), repeats.kept, owed);
+    writeLine(repeats.priority, line, std::size_t(length));
+}
+
+/// True where the line is one repetition too many in this second, and only counted.
+bool isCountedOnly(char priority, std::string_view text) {
+    const quint32 second = Clock::ticks() / 1000;
+    if (second != g_repeatsSecond) {
+        g_repeatsSecond = second;
+        DebugText::flushRepeats();
+    }
+    std::uint64_t hash = 0xcbf29ce484222325U;
+    for (const char byte : text) {
+        hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001b3U;
+    }
+    Repeats& repeats = g_repeats[hash % g_repeats.size()];
+    if (repeats.hash != hash) {
+        writeOwedCount(repeats);
+        repeats.hash = hash;
+    }
+    ++repeats.count;
+    if (repeats.count == DebugText::kRepeatsPerSecond + 1) {
+        repeats.priority = priority;
+        repeats.keptLength = std::min(text.size(), Repeats::kKeptBytes);
+        std::memcpy(repeats.kept, text.data(), repeats.keptLength);
+    }
+    return repeats.count > DebugText::kRepeatsPerSecond;
+}
+
+/// Bytes that could forge a line or drive a terminal become \xNN. Returns the escaped length.
+std::size_t escape(const char* text, char (&escaped)[DebugText::kMaximumLineBytes + 1]) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::size_t used = 0;
+    for (; *text && used < DebugText::kMaximumLineBytes; ++text) {
+        const auto byte = static_cast<unsigned char>(*text);
+        if (byte >= 0x20 && byte < 0x7f) {
+            escaped[used++] = *text;
+            continue;
+        }
+        if (used + 4 > DebugText::kMaximumLineBytes) {
+            break;
+        }
+        escaped[used++] = '\\';
+        escaped[used++] = 'x';
+        escaped[used++] = kDigits[byte >> 4];
+        escaped[used++] = kDigits[byte & 15];
+    }
+    return used;
+}
+
+void sendLine(char priority, const char* target, const char* format, va_list arguments) {
+    const int savedErrno = errno;
+    char text[DebugText::kMaximumLineBytes + 1];
+    std::size_t used = 0;
+    if (target) {
+        used = std::min(std::strlen(target), std::size_t(128));
+        std::memcpy(text, target, used);
+        text[used++] = ':';
+        text[used++] = ' ';
+    }
+    if (std::vsnprintf(text + used, sizeof text - used, format, arguments) < 0) {
+        text[used] = 0;
+    }
+    char escaped[DebugText::kMaximumLineBytes + 1];
+    const std::size_t length = escape(text, escaped);
+    if (!isCountedOnly(priority, {escaped, length})) {
+        writeLine(priority, escaped, length);
+    }
+    errno = savedErrno;
+}
+
+}  // namespace
+
+void DebugText::send(const char* target, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    sendLine(kInformation, target, format, arguments);
+    va_end(arguments);
+}
+
+void DebugText::send(const DebugTextTarget& target, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    sendLine(kInformation, target.name(), format, arguments);
+    va_end(arguments);
+}
+
+void DebugText::sendRoutine(const char* target, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    sendLine(kDebug, target, format, arguments);
+    va_end(arguments);
+}
+
+void DebugText::plain(const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    sendLine(kInformation, nullptr, format, arguments);
+    va_end(arguments);
+}
+
+void DebugText::flushRepeats() {
+    for (Repeats& repeats : g_repeats) {
+        writeOwedCount(repeats);
+    }
+}
+
+void DebugText::forgetRepeats() {
+    for (Repeats& repeats : g_repeats) {
+        repeats.count = 0;
+    }
+}
+
+void DebugText::setSink(Sink sink) {
+    g_sink = sink;
+}

@@ -1,0 +1,54 @@
+#include "bus/ForkedChild.h"
+
+#include "bus/DebugText.h"
+#include "bus/PubSubInterface.h"
+#include "bus/Wakeup.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#ifdef SCADA_STORAGE_COVERAGE
+extern "C" void __gcov_dump();
+#endif
+
+namespace {
+
+unsigned g_generation = 0;
+
+void becomeChild() {
+    ++g_generation;
+    Wakeup::renew();
+    DebugText::forgetRepeats();
+}
+
+const int g_registered = pthread_atfork(nullptr, nullptr, becomeChild);
+
+}  // namespace
+
+namespace ForkedChild {
+
+pid_t start() {
+    PubSubInterface* bus = PubSubInterface::instance();
+    if (bus) {
+        bus->enterSafeToFork();
+    }
+    const pid_t pid = fork();
+    if (bus && pid != 0) {
+        bus->leaveSafeToFork();
+    }
+    return pid;
+}
+
+void end() {
+    DebugText::flushRepeats();
+#ifdef SCADA_STORAGE_COVERAGE
+    __gcov_dump();
+#endif
+    _exit(0);
+}
+
+unsigned generation() {
+    return g_registered == 0 ? g_generation : 0;
+}
+
+}  // namespace ForkedChild
