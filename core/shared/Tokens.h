@@ -1,0 +1,18 @@
+#pragma once
+
+/// The names of the bus tokens that the daemon listens to and sends on. "%d" takes a process id.
+namespace Tokens {
+
+inline constexpr char kClientName[] = "scada-storage-process";
+
+inline constexpr char kOwnCommandsFormat[] = "Message.ExtProc.to.%d";
+inline constexpr char kOwnRepliesFormat[] = "Message.ExtProc.from.%d";
+inline constexpr char kStorageRequests[] = "Message.storage";
+inline constexpr char kStorageManager[] = "StorageManager.to";
+inline constexpr char kThumbnailDayFinished[] = "ThumbnailManager.dayFinished";
+
+inline constexpr char kClientMessage[] = "ConnectionManager.clientMessage";
+inline constexpr char kConnectionManager[] = "ConnectionManager.to";
+inline constexpr char kConnectionWriteCountFormat[] = "ConnectionManager.writeCount.%d";
+
+}  // namespace Tokens
