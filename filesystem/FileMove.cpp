@@ -1,0 +1,116 @@
+#include "filesystem/FileMove.h"
+
+#include "core/shared/RegularFile.h"
+
+#include <QFile>
+#include <QFileInfo>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+using StatusCall = int (*)(const char*, struct stat*);
+
+bool isSame(StatusCall status, const QByteArray& first, const QByteArray& second) {
+    struct stat one;
+    struct stat other;
+    return status(first.constData(), &one) == 0 && status(second.constData(), &other) == 0 &&
+           one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+/// Through links too: one file with two names would be lost by replacing one with the other.
+bool isOneFile(const QByteArray& first, const QByteArray& second) {
+    return isSame(::lstat, first, second) || isSame(::stat, first, second);
+}
+
+bool copyContents(QFile& source, int target) {
+    std::array<char, 65536> buffer;
+    for (;;) {
+        const qint64 count = source.read(buffer.data(), static_cast<qint64>(buffer.size()));
+        if (count <= 0) {
+            return count == 0;
+        }
+        for (qint64 written = 0; written < count;) {
+            const ssize_t step =
+                ::write(target, buffer.data() + written, static_cast<std::size_t>(count - written));
+            if (step < 0 && errno != EINTR) {
+                return false;
+            }
+            written += step > 0 ? step : 0;
+        }
+    }
+}
+
+/// Mode and time go with the file, as they do when it is renamed.
+bool copyAttributes(const QFile& source, int target) {
+    struct stat status;
+    if (::fstat(source.handle(), &status) != 0) {
+        return false;
+    }
+    const std::array<timespec, 2> times = {status.st_atim, status.st_mtim};
+    return ::fchmod(target, status.st_mode & 07777) == 0 && ::futimens(target, times.data()) == 0;
+}
+
+bool syncFolder(const QByteArray& folder) {
+    const int descriptor = ::open(folder.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const bool isSynced = descriptor >= 0 && ::fsync(descriptor) == 0;
+    if (descriptor >= 0) {
+        ::close(descriptor);
+    }
+    return isSynced;
+}
+
+bool moveByCopy(const QByteArray& from, const QByteArray& to) {
+    QFile source;
+    if (!RegularFile::open(source, QFile::decodeName(from), QIODevice::ReadOnly)) {
+        return false;
+    }
+    const QByteArray folder = QFile::encodeName(QFileInfo(QFile::decodeName(to)).path());
+    QByteArray copy = folder + "/.moveXXXXXX";
+    const int target = ::mkostemp(copy.data(), O_CLOEXEC);
+    if (target < 0) {
+        return false;
+    }
+    const bool isWhole =
+        copyContents(source, target) && copyAttributes(source, target) && ::fsync(target) == 0;
+    // The folder is synced as well: the removal lands on another file system, and must not reach
+    // its disk before the new name has reached this one.
+    if (::close(target) == 0 && isWhole && ::rename(copy.constData(), to.constData()) == 0) {
+        return syncFolder(folder) && ::unlink(from.constData()) == 0;
+    }
+    ::unlink(copy.constData());
+    return false;
+}
+
+}  // namespace
+
+bool moveInPlaceOf(const QByteArray& from, const QByteArray& to) {
+    struct stat source;
+    struct stat target;
+    if (::lstat(from.constData(), &source) != 0) {
+        ::unlink(to.constData());
+        return false;
+    }
+    if (isOneFile(from, to)) {
+        return false;
+    }
+    if (::lstat(to.constData(), &target) == 0) {
+        if (S_ISDIR(target.st_mode)) {
+            return false;
+        }
+        // A directory cannot be renamed over a file.
+        if (S_ISDIR(source.st_mode)) {
+            ::unlink(to.constData());
+        }
+    }
+    if (::rename(from.constData(), to.constData()) == 0) {
+        return true;
+    }
+    return errno == EXDEV && moveByCopy(from, to);
+}
