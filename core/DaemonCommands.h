@@ -1,0 +1,11 @@
+#pragma once
+
+/// The command codes that the daemon itself answers to; the file service's are in
+/// filesystem/FileProtocol.h.
+enum DaemonCommand : int {
+    COMMAND_KEEPALIVE = 0,                  ///< "" -> "i" process id
+    COMMAND_QUIT = 1,                       ///< ""
+    COMMAND_WRITE_COUNT = 80,               ///< "ii" connection, bytes still queued
+    COMMAND_CONTINUE_REPLAY = 232,          ///< "iS" job, options
+    COMMAND_ACKNOWLEDGE_REPLAY_DATA = 234,  ///< "ii" job, sequence
+};

@@ -1,0 +1,100 @@
+#include "core/Dispatch.h"
+
+#include "bus/DebugText.h"
+#include "bus/ForkedChild.h"
+#include "core/DaemonCommands.h"
+#include "core/RunState.h"
+#include "core/WorkerRole.h"
+#include "core/shared/Replies.h"
+#include "core/shared/Tokens.h"
+#include "filesystem/FileProtocol.h"
+#include "filesystem/Filesystem.h"
+
+#include <unistd.h>
+
+namespace {
+
+bool handleKeepalive(Message&) {
+    DebugText::send(Tokens::kClientName, "handled keepalive");
+    g_runState.noteKeepalive();
+    Message reply;
+    reply.construct(COMMAND_KEEPALIVE, "i", getpid());
+    sendMessage(reply);
+    return true;
+}
+
+bool handleQuit(Message&) {
+    DebugText::send(Tokens::kClientName, "scada-storage-process: processMessage QUIT");
+    g_quit = true;
+    return false;
+}
+
+bool handleByFileService(Message& message) {
+    g_pFilesystem->handleMessage(fileServiceConnection(message), &message);
+    return true;
+}
+
+struct Command {
+    int code;
+    CommandHandler handler;
+};
+
+constexpr Command kCommands[] = {
+    {COMMAND_KEEPALIVE, handleKeepalive},
+    {COMMAND_QUIT, handleQuit},
+    {COMMAND_WRITE_COUNT, handleByFileService},
+};
+
+const Command* findCommand(int code) {
+    for (const Command& command : kCommands) {
+        if (command.code == code) {
+            return &command;
+        }
+    }
+    return nullptr;
+}
+
+void answerFailure(const Message& request) {
+    if (request.command() != MESSAGE_FILE_OPEN) {
+        sendMessageToConnection(request.tag(), request.command());
+        return;
+    }
+    Message reply;
+    reply.construct(MESSAGE_FILE_OPEN, "Sii", request.parameterAsString(0), -1, -1);
+    sendMessageToConnection(request.tag(), &reply);
+}
+
+void handleFailure(const Message& message) noexcept {
+    DebugText::send(Tokens::kClientName, "command %d failed", message.command());
+    if (findCommand(message.command())) {
+        return;
+    }
+    try {
+        answerFailure(message);
+    } catch (...) {
+        DebugText::send(Tokens::kClientName, "its client gets no answer");
+    }
+}
+
+}  // namespace
+
+bool processMessage(Message& message) noexcept {
+    if (ForkedChild::generation() > 0 && !WorkerRole::actsOn(message.command())) {
+        return true;
+    }
+    const Command* command = findCommand(message.command());
+    return handleGuarded(command ? command->handler : handleByFileService, message);
+}
+
+int fileServiceConnection(const Message& message) {
+    return message.command() == COMMAND_WRITE_COUNT ? message.parameterAsInt32(0) : message.tag();
+}
+
+bool handleGuarded(CommandHandler handler, Message& message) noexcept {
+    try {
+        return handler(message);
+    } catch (...) {
+        handleFailure(message);
+        return true;
+    }
+}

@@ -1,0 +1,6 @@
+#include "core/Lifecycle.h"
+
+int main() {
+    Lifecycle lifecycle;
+    return lifecycle.run();
+}
