@@ -68,7 +68,8 @@ std::string parsePort(std::string_view text, BusConfig& config) {
     const char* const end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, config.port);
     if (error != std::errc() || stop != end || config.port < 1 || config.port > 65535) {
-        return "the port \"" + std::string(text) + "\" is not a number from 1 to 65535";
+        // Not repeated: it may be a password that lacks its host.
+        return "the port is not a number from 1 to 65535";
     }
     return {};
 }

@@ -13,6 +13,8 @@ public:
 
     static qint64 wallSeconds();
     static quint32 ticks();
+    /// Milliseconds from `start`, a value of `ticks`, until now; right up to 24 days.
+    static int ticksSince(quint32 start) { return static_cast<int>(ticks() - start); }
 
     /// Replaces the process's clock; null restores the real one. The caller keeps ownership.
     static void replace(const Clock* clock);

@@ -90,6 +90,10 @@ public:
     bool rejoin();
 
 private:
+    static constexpr char kLogTarget[] = "PubSubInterface";
+    static constexpr int kMaximumBatchDeliveries = 1024;
+    static constexpr qint64 kMaximumBatchBytes = 4 * 1024 * 1024;
+
     struct Held {
         int tokenId;
         QByteArray payload;

@@ -4,8 +4,7 @@
 
 #include <QtEndian>
 
-FakeBus::FakeBus(PubSubCallback callback)
-{
+FakeBus::FakeBus(PubSubCallback callback) {
     Wakeup::clear();
     auto transport = std::make_unique<FakeTransport>();
     _transport = transport.get();
@@ -14,13 +13,11 @@ FakeBus::FakeBus(PubSubCallback callback)
     g_pubSubInterface = _bus.get();
 }
 
-FakeBus::~FakeBus()
-{
+FakeBus::~FakeBus() {
     g_pubSubInterface = nullptr;
 }
 
-QList<FakeBus::Sent> FakeBus::takeSent()
-{
+QList<FakeBus::Sent> FakeBus::takeSent() {
     QList<Sent> result;
     for (const FakeTransport::Sent& sent : std::as_const(_transport->sent)) {
         Sent decoded;

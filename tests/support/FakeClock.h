@@ -14,8 +14,7 @@ public:
     quint32 tick = 5'000;
 
     /// Both clocks together, as time does.
-    void advance(qint64 seconds)
-    {
+    void advance(qint64 seconds) {
         wall += seconds;
         tick += static_cast<quint32>(seconds * 1000);
     }
