@@ -14,6 +14,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
@@ -233,6 +234,21 @@ bool MqttTransport::connectTimedOut() {
     return true;
 }
 
+/// With TLS the library begins the handshake on a connection that was refused, again and again.
+bool MqttTransport::connectFailed() {
+    sockaddr_storage peer{};
+    socklen_t length = sizeof peer;
+    if (_state != State::Connecting ||
+        getpeername(mosquitto_socket(_client), reinterpret_cast<sockaddr*>(&peer), &length) == 0) {
+        return false;
+    }
+    int error = 0;
+    length = sizeof error;
+    getsockopt(mosquitto_socket(_client), SOL_SOCKET, SO_ERROR, &error, &length);
+    close(std::strerror(error != 0 ? error : ECONNREFUSED));
+    return true;
+}
+
 Transport::WaitResult MqttTransport::wait(int milliseconds, int wakeDescriptor) {
     pollfd descriptors[2] = {{wakeDescriptor, POLLIN, 0}, {-1, 0, 0}};
     if (_client) {
@@ -246,6 +262,9 @@ Transport::WaitResult MqttTransport::wait(int milliseconds, int wakeDescriptor) 
     const int ready = poll(descriptors, 2, milliseconds);
     if (ready == 0) {
         return WaitResult::TimeOver;
+    }
+    if (ready > 0 && (descriptors[1].revents & (POLLERR | POLLHUP)) && connectFailed()) {
+        return WaitResult::Ready;
     }
     if (ready > 0 && (descriptors[1].revents & POLLOUT)) {
         succeeded(mosquitto_loop_write(_client, 1));

@@ -56,6 +56,7 @@ private:
     /// Passes a library result on; closes the connection where it is an error of the connection.
     bool succeeded(int result);
     bool connectTimedOut();
+    bool connectFailed();
 
     BusConfig _config;
     State _state = State::Disconnected;
