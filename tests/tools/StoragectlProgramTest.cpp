@@ -1,0 +1,81 @@
+#include "tests/support/ChildProcess.h"
+
+#include <gtest/gtest.h>
+#include <QElapsedTimer>
+
+namespace {
+
+constexpr char kNoBroker[] = "mqtt+unix:///nowhere/bus";
+
+struct ProgramRun {
+    int status;
+    std::string log;
+};
+
+ProgramRun runProgram(std::vector<std::string> arguments, const std::string& url = kNoBroker) {
+    arguments.insert(arguments.begin(), STORAGECTL_PROGRAM);
+    ChildProcess program;
+    ChildProcess::Options options;
+    options.command = arguments;
+    options.environment = {{"SCADA_BUS_URL", url}};
+    program.start(options);
+    const std::optional<int> status = program.waitForExit(10'000);
+    return {status.value_or(-1000), program.log()};
+}
+
+TEST(StoragectlProgramTest, WithoutABrokerEveryCommandEndsInTenWithinTwoSeconds) {
+    const std::vector<std::vector<std::string>> commands = {
+        {"ping"}, {"ls", "/x"}, {"cat", "/x"},      {"get", "/x"},  {"put", "/etc/passwd", "/x"},
+        {"quit"}, {"rm", "/x"}, {"mv", "/x", "/y"}, {"hash", "/x"}, {"truncate", "/x", "1"},
+        {"sniff"}};
+    for (const std::vector<std::string>& command : commands) {
+        QElapsedTimer timer;
+        timer.start();
+        const ProgramRun run = runProgram(command);
+        EXPECT_EQ(run.status, 10) << command[0] << ": " << run.log;
+        EXPECT_NE(run.log.find("no broker"), std::string::npos) << command[0] << ": " << run.log;
+        EXPECT_LT(timer.elapsed(), 2'000) << command[0];
+    }
+}
+
+TEST(StoragectlProgramTest, WrongUsageEndsInTwo) {
+    const std::vector<std::vector<std::string>> commands = {{},
+                                                            {"nonsense"},
+                                                            {"ls"},
+                                                            {"get"},
+                                                            {"put", "/x"},
+                                                            {"mv", "/x"},
+                                                            {"rm"},
+                                                            {"ping", "-c", "0"},
+                                                            {"--timeout", "0", "ping"},
+                                                            {"ls", "--no-such-option", "/x"},
+                                                            {"truncate", "/x", "-5"}};
+    for (const std::vector<std::string>& command : commands) {
+        const ProgramRun run = runProgram(command);
+        EXPECT_EQ(run.status, 2) << run.log;
+        EXPECT_FALSE(run.log.empty());
+    }
+}
+
+TEST(StoragectlProgramTest, HelpEndsInZeroAndTellsTheExitCodes) {
+    const ProgramRun run = runProgram({"--help"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_NE(run.log.find("130 interrupted"), std::string::npos);
+    const ProgramRun put = runProgram({"put", "--help"});
+    EXPECT_NE(put.log.find("modification time"), std::string::npos) << put.log;
+}
+
+TEST(StoragectlProgramTest, UnusableBusSettingsEndInSeventyEightAndAreNamed) {
+    for (const char* command : {"ping", "sniff"}) {
+        const ProgramRun run = runProgram({command}, "carrier-pigeon://roof");
+        EXPECT_EQ(run.status, 78);
+        EXPECT_NE(run.log.find("SCADA_BUS_URL"), std::string::npos) << run.log;
+    }
+}
+
+TEST(StoragectlProgramTest, JsonErrorsAreObjects) {
+    EXPECT_EQ(runProgram({"--json", "ls"}).log.substr(0, 10), "{\"error\":\"");
+    EXPECT_EQ(runProgram({"--json", "ping"}).log.substr(0, 10), "{\"error\":\"");
+}
+
+}  // namespace

@@ -1,0 +1,37 @@
+#pragma once
+
+#include "tools/storagectl/CommandLine.h"
+#include "tools/storagectl/FileService.h"
+
+class PubSubInterface;
+
+namespace storagectl {
+
+/// What every command works with; the caller's.
+struct Context {
+    const Options& options;
+    Output& output;
+    FileService& files;
+};
+
+/// Joins the bus and carries the command out.
+ExitCode runCommand(PubSubInterface& bus, const Options& options, Output& output);
+
+/// Calls `work` for each file of the command line and says what went wrong with each. Ends early
+/// where no other file can fare better: no broker, no daemon, interrupted, the reader gone.
+ExitCode forEachFile(Context& context, const std::function<Outcome(const QByteArray&)>& work);
+
+ExitCode ping(Context& context);
+ExitCode quit(Context& context);
+ExitCode list(Context& context);
+ExitCode hash(Context& context);
+ExitCode cat(Context& context);
+ExitCode get(Context& context);
+ExitCode put(Context& context);
+ExitCode removeFiles(Context& context);
+ExitCode moveFile(Context& context);
+ExitCode truncateFile(Context& context);
+/// Runs until it is interrupted, which needs no words, or has seen enough.
+Outcome sniff(PubSubInterface& bus, const Options& options, Output& output);
+
+}  // namespace storagectl

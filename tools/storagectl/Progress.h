@@ -1,0 +1,35 @@
+#pragma once
+
+#include <QString>
+#include <QtGlobal>
+
+namespace storagectl {
+
+class Output;
+
+/// How far a long piece of work is: bytes, rate and time left. On a terminal it is one line,
+/// redrawn at most ten times a second; elsewhere one plain line every 30 seconds.
+class Progress {
+public:
+    Progress(Output& output, const QString& name);
+    ~Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+    /// A new stretch of work ("fetching"), of which `from` bytes were done before.
+    void begin(const QString& what, qint64 from, qint64 total);
+    void update(qint64 done);
+
+private:
+    QString describe(qint64 done, quint32 now) const;
+
+    Output& _output;
+    QString _name;
+    QString _what;
+    qint64 _from = 0;
+    qint64 _total = 0;
+    quint32 _begun = 0;
+    quint32 _lastShown = 0;
+};
+
+}  // namespace storagectl
