@@ -23,12 +23,13 @@ constexpr std::size_t kPriorityBytes = 3;
 const bool g_underJournal = std::getenv("JOURNAL_STREAM") != nullptr;
 DebugText::Sink g_sink = nullptr;
 
-/// How often a line came in the current second. A collision of two lines in the table forgets
-/// the older one, so that at worst a line is written that could have been counted.
+/// How often lines of one kind came in the current second: of one target and format, or of one
+/// text where the format is no more than "%s". A collision of two kinds in the table forgets the
+/// older one, so that at worst a line is written that could have been counted.
 struct Repeats {
     static constexpr std::size_t kKeptBytes = 200;
 
-    std::uint64_t hash = 0;
+    std::uint64_t kind = 0;
     int count = 0;
     char priority = kInformation;
     std::size_t keptLength = 0;
@@ -65,34 +66,56 @@ void writeOwedCount(Repeats& repeats) {
         return;
     }
     char line[Repeats::kKeptBytes + 64];
-    const int length = std::snprintf(line, sizeof line, "%.*s (and %d times more)",
+    const int length = std::snprintf(line, sizeof line, "%.*s (and %d more of this kind)",
                                      int(repeats.keptLength), repeats.kept, owed);
     writeLine(repeats.priority, line, std::size_t(length));
 }
 
-/// True where the line is one repetition too many in this second, and only counted.
-bool isCountedOnly(char priority, std::string_view text) {
+Repeats& repeatsOf(std::uint64_t kind) {
     const quint32 second = Clock::ticks() / 1000;
     if (second != g_repeatsSecond) {
         g_repeatsSecond = second;
         DebugText::flushRepeats();
     }
+    Repeats& repeats = g_repeats[kind >> 58];
+    if (repeats.kind != kind) {
+        writeOwedCount(repeats);
+        repeats.kind = kind;
+    }
+    return repeats;
+}
+
+std::uint64_t kindOf(const char* target, const char* format) {
+    constexpr std::uint64_t kSpread = 0x9e3779b97f4a7c15U;
+    const std::uint64_t mixed = reinterpret_cast<std::uintptr_t>(format) * kSpread;
+    return (mixed ^ reinterpret_cast<std::uintptr_t>(target)) * kSpread;
+}
+
+std::uint64_t kindOf(std::string_view text) {
     std::uint64_t hash = 0xcbf29ce484222325U;
     for (const char byte : text) {
         hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001b3U;
     }
-    Repeats& repeats = g_repeats[hash % g_repeats.size()];
-    if (repeats.hash != hash) {
-        writeOwedCount(repeats);
-        repeats.hash = hash;
+    return hash;
+}
+
+/// True where the second has seen enough of the kind: this one is counted, and that is all.
+bool isCountedOnly(Repeats& repeats) {
+    if (repeats.count <= DebugText::kRepeatsPerSecond) {
+        return false;
     }
     ++repeats.count;
-    if (repeats.count == DebugText::kRepeatsPerSecond + 1) {
-        repeats.priority = priority;
-        repeats.keptLength = std::min(text.size(), Repeats::kKeptBytes);
-        std::memcpy(repeats.kept, text.data(), repeats.keptLength);
+    return true;
+}
+
+void writeOrKeep(Repeats& repeats, char priority, std::string_view line) {
+    if (++repeats.count <= DebugText::kRepeatsPerSecond) {
+        writeLine(priority, line.data(), line.size());
+        return;
     }
-    return repeats.count > DebugText::kRepeatsPerSecond;
+    repeats.priority = priority;
+    repeats.keptLength = std::min(line.size(), Repeats::kKeptBytes);
+    std::memcpy(repeats.kept, line.data(), repeats.keptLength);
 }
 
 /// Bytes that could forge a line or drive a terminal become \xNN. Returns the escaped length.
@@ -118,6 +141,11 @@ std::size_t escape(const char* text, char (&escaped)[DebugText::kMaximumLineByte
 
 void sendLine(char priority, const char* target, const char* format, va_list arguments) {
     const int savedErrno = errno;
+    const bool isBareText = std::strcmp(format, "%s") == 0;
+    const std::uint64_t kind = kindOf(target, format);
+    if (!isBareText && isCountedOnly(repeatsOf(kind))) {
+        return;
+    }
     char text[DebugText::kMaximumLineBytes + 1];
     std::size_t used = 0;
     if (target) {
@@ -130,9 +158,10 @@ void sendLine(char priority, const char* target, const char* format, va_list arg
         text[used] = 0;
     }
     char escaped[DebugText::kMaximumLineBytes + 1];
-    const std::size_t length = escape(text, escaped);
-    if (!isCountedOnly(priority, {escaped, length})) {
-        writeLine(priority, escaped, length);
+    const std::string_view line(escaped, escape(text, escaped));
+    Repeats& repeats = repeatsOf(isBareText ? kindOf(line) : kind);
+    if (!isBareText || !isCountedOnly(repeats)) {
+        writeOrKeep(repeats, priority, line);
     }
     errno = savedErrno;
 }

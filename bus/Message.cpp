@@ -6,9 +6,14 @@
 #include <new>
 #include <utility>
 
-Message::Message() {
-    constructFromValues(0, "", {});
-}
+namespace {
+
+/// Command 0 and the NUL of an empty format: a fresh message costs no allocation.
+constexpr char kFreshMessage[MessageWire::kCommandBytes + 1] = {};
+
+}  // namespace
+
+Message::Message() : _bytes(QByteArray::fromRawData(kFreshMessage, sizeof kFreshMessage)) {}
 
 bool Message::construct(const void* data, int length) {
     _tag = 0;

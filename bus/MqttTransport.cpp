@@ -22,6 +22,7 @@ namespace {
 /// Long, because the loop serves no socket while an archive is made.
 constexpr int kKeepAliveSeconds = 300;
 constexpr int kConnectMilliseconds = 10'000;
+constexpr int kUpkeepMilliseconds = 1000;
 constexpr int kUnixPort = 0;
 constexpr int kQoS = 0;
 constexpr char kSystemTrustStore[] = "/etc/ssl/certs";
@@ -234,6 +235,26 @@ bool MqttTransport::connectTimedOut() {
     return true;
 }
 
+/// False where the connection just ended. The library's own time-keeping counts in minutes, so
+/// that a look a second is enough.
+bool MqttTransport::keepsAlive() {
+    const std::int64_t now = nowMilliseconds();
+    if (_state == State::Connected && now - _lastUpkeep < kUpkeepMilliseconds) {
+        return true;
+    }
+    _lastUpkeep = now;
+    return succeeded(mosquitto_loop_misc(_client)) && !connectTimedOut();
+}
+
+/// Asking is cheaper than a read that finds nothing. What TLS has decrypted no poll shows.
+bool MqttTransport::mayHaveInput() {
+    if (std::exchange(_sawInput, false) || _config.scheme == BusConfig::Scheme::Tls) {
+        return true;
+    }
+    pollfd socket{mosquitto_socket(_client), POLLIN, 0};
+    return poll(&socket, 1, 0) != 0;
+}
+
 /// With TLS the library begins the handshake on a connection that was refused, again and again.
 bool MqttTransport::connectFailed() {
     sockaddr_storage peer{};
@@ -252,7 +273,7 @@ bool MqttTransport::connectFailed() {
 Transport::WaitResult MqttTransport::wait(int milliseconds, int wakeDescriptor) {
     pollfd descriptors[2] = {{wakeDescriptor, POLLIN, 0}, {-1, 0, 0}};
     if (_client) {
-        if (!succeeded(mosquitto_loop_misc(_client)) || connectTimedOut()) {
+        if (!keepsAlive()) {
             return WaitResult::Ready;
         }
         const bool writes = mosquitto_want_write(_client);
@@ -260,6 +281,7 @@ Transport::WaitResult MqttTransport::wait(int milliseconds, int wakeDescriptor) 
         descriptors[1].events = static_cast<short>(POLLIN | (writes ? POLLOUT : 0));
     }
     const int ready = poll(descriptors, 2, milliseconds);
+    _sawInput = ready > 0 && descriptors[1].revents;
     if (ready == 0) {
         return WaitResult::TimeOver;
     }
@@ -273,30 +295,33 @@ Transport::WaitResult MqttTransport::wait(int milliseconds, int wakeDescriptor) 
 }
 
 bool MqttTransport::takeIn() {
-    if (!_client || connectTimedOut()) {
+    if (!_client || connectTimedOut() || !mayHaveInput()) {
         return false;
     }
     // The library takes an old EAGAIN for the end of what TLS has decrypted, which no poll shows.
     errno = 0;
     const int result = mosquitto_loop_read(_client, 1);
     const bool isDrained = errno == EAGAIN || errno == EWOULDBLOCK;
-    const std::vector<Arrived> arrived = std::exchange(_arrived, {});
+    _taken.clear();
+    std::swap(_taken, _arrived);
     if (!_refusal.empty()) {
         close(_refusal);
     } else {
         succeeded(result);
     }
-    for (const Arrived& delivery : arrived) {
+    for (const Arrived& delivery : _taken) {
         _listener->delivered(delivery.topic.c_str(), delivery.payload.data(),
                              int(delivery.payload.size()));
     }
     // A packet that was no delivery may stand before one.
-    return !arrived.empty() || (_state == State::Connected && !isDrained);
+    return !_taken.empty() || (_state == State::Connected && !isDrained);
 }
 
-void MqttTransport::onConnect(mosquitto*, void* self, int code) {
+void MqttTransport::onConnect(mosquitto* client, void* self, int code) {
     if (code == 0) {
         transportOf(self)->_state = State::Connected;
+        // With a log callback the library formats a line for each packet.
+        mosquitto_log_callback_set(client, nullptr);
     } else {
         transportOf(self)->_refusal = mosquitto_connack_string(code);
     }

@@ -57,6 +57,8 @@ private:
     bool succeeded(int result);
     bool connectTimedOut();
     bool connectFailed();
+    bool keepsAlive();
+    bool mayHaveInput();
 
     BusConfig _config;
     State _state = State::Disconnected;
@@ -65,6 +67,9 @@ private:
     std::string _libraryError;
     std::string _refusal;
     std::vector<Arrived> _arrived;
+    std::vector<Arrived> _taken;
+    bool _sawInput = false;
+    std::int64_t _lastUpkeep = 0;
     std::deque<std::size_t> _publishedBytes;
     std::size_t _bytesWaiting = 0;
     int _subscriptionsPending = 0;

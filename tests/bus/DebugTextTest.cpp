@@ -184,11 +184,30 @@ TEST_F(DebugTextTest, HundredRepetitionsASecondAreWrittenAndTheRestSummedUpOnce)
     clock.advance(1);
     DebugText::plain("next second");
     ASSERT_EQ(log.lines().size(), 102);
-    EXPECT_EQ(log.lines().at(100), "DataFile: UNKNOWN RECORD TYPE (and 99900 times more)");
+    EXPECT_EQ(log.lines().at(100), "DataFile: UNKNOWN RECORD TYPE (and 99900 more of this kind)");
     EXPECT_EQ(log.lines().at(101), "next second");
     clock.advance(1);
     DebugText::plain("the one after");
     EXPECT_EQ(log.lines().size(), 103);
+}
+
+TEST_F(DebugTextTest, LinesThatDifferInTheirValuesOnlyAreOfOneKind) {
+    for (int type = 0; type < 150; ++type) {
+        DebugText::plain("UNKNOWN RECORD TYPE %d", type);
+    }
+    DebugText::flushRepeats();
+    EXPECT_EQ(log.lines().size(), 101);
+    EXPECT_EQ(log.lines().at(99), "UNKNOWN RECORD TYPE 99");
+    EXPECT_EQ(log.lines().last(), "UNKNOWN RECORD TYPE 100 (and 50 more of this kind)");
+}
+
+TEST_F(DebugTextTest, TextsThatDifferAreOfDifferentKinds) {
+    for (int i = 0; i < 90; ++i) {
+        DebugText::send("Filesystem", "%s", "MESSAGE_FILE_READ");
+        DebugText::send("Filesystem", "%s", "MESSAGE_FILE_WRITE");
+    }
+    DebugText::flushRepeats();
+    EXPECT_EQ(log.lines().size(), 180);
 }
 
 TEST_F(DebugTextTest, ExactlyHundredRepetitionsAreNotSummedUp) {
@@ -206,7 +225,7 @@ TEST_F(DebugTextTest, OneLineTooManyIsSummedUpAsOne) {
     }
     DebugText::flushRepeats();
     EXPECT_EQ(log.lines().size(), 101);
-    EXPECT_EQ(log.lines().last(), "same (and 1 times more)");
+    EXPECT_EQ(log.lines().last(), "same (and 1 more of this kind)");
     DebugText::flushRepeats();
     EXPECT_EQ(log.lines().size(), 101);
 }
@@ -228,7 +247,7 @@ TEST_F(DebugTextTest, TheNextSecondBeginsAnew) {
     }
     DebugText::flushRepeats();
     EXPECT_EQ(log.count("same"), 300);
-    EXPECT_EQ(log.count("same (and 50 times more)"), 3);
+    EXPECT_EQ(log.count("same (and 50 more of this kind)"), 3);
 }
 
 TEST_F(DebugTextTest, ForgottenRepeatsAreNotSummedUp) {
@@ -245,7 +264,7 @@ TEST_F(DebugTextTest, TheSumOfALongLineKeepsItsBeginning) {
         DebugText::plain("%s", QByteArray(900, 'l').constData());
     }
     DebugText::flushRepeats();
-    EXPECT_EQ(log.lines().last(), QByteArray(200, 'l') + " (and 50 times more)");
+    EXPECT_EQ(log.lines().last(), QByteArray(200, 'l') + " (and 50 more of this kind)");
 }
 
 /// Written by a second run of this program, which the journal tests below start.

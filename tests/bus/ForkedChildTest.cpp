@@ -121,7 +121,7 @@ TEST(ForkedChildTest, SuppressedRepeatsAreTheParentsToWrite) {
     }
     EXPECT_EQ(statusOf(child), 0);
     DebugText::flushRepeats();
-    EXPECT_EQ(log.count("same (and 50 times more)"), 1);
+    EXPECT_EQ(log.count("same (and 50 more of this kind)"), 1);
 }
 
 TEST(ForkedChildTest, AChildOverwritesNothingOfTheParentsConnection) {
