@@ -85,18 +85,19 @@ Repeats& repeatsOf(std::uint64_t kind) {
     return repeats;
 }
 
-std::uint64_t kindOf(const char* target, const char* format) {
+std::uint64_t kindOf(const char* target, const char* format, va_list arguments) {
     constexpr std::uint64_t kSpread = 0x9e3779b97f4a7c15U;
-    const std::uint64_t mixed = reinterpret_cast<std::uintptr_t>(format) * kSpread;
-    return (mixed ^ reinterpret_cast<std::uintptr_t>(target)) * kSpread;
-}
-
-std::uint64_t kindOf(std::string_view text) {
-    std::uint64_t hash = 0xcbf29ce484222325U;
-    for (const char byte : text) {
-        hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001b3U;
+    std::uint64_t kind = reinterpret_cast<std::uintptr_t>(target);
+    if (std::strcmp(format, "%s") != 0) {
+        return (kind ^ reinterpret_cast<std::uintptr_t>(format) * kSpread) * kSpread;
     }
-    return hash;
+    va_list copy;
+    va_copy(copy, arguments);
+    for (const char* text = va_arg(copy, const char*); text && *text; ++text) {
+        kind = (kind ^ static_cast<unsigned char>(*text)) * kSpread;
+    }
+    va_end(copy);
+    return kind * kSpread;
 }
 
 /// True where the second has seen enough of the kind: this one is counted, and that is all.
@@ -141,9 +142,8 @@ std::size_t escape(const char* text, char (&escaped)[DebugText::kMaximumLineByte
 
 void sendLine(char priority, const char* target, const char* format, va_list arguments) {
     const int savedErrno = errno;
-    const bool isBareText = std::strcmp(format, "%s") == 0;
-    const std::uint64_t kind = kindOf(target, format);
-    if (!isBareText && isCountedOnly(repeatsOf(kind))) {
+    Repeats& repeats = repeatsOf(kindOf(target, format, arguments));
+    if (isCountedOnly(repeats)) {
         return;
     }
     char text[DebugText::kMaximumLineBytes + 1];
@@ -158,11 +158,7 @@ void sendLine(char priority, const char* target, const char* format, va_list arg
         text[used] = 0;
     }
     char escaped[DebugText::kMaximumLineBytes + 1];
-    const std::string_view line(escaped, escape(text, escaped));
-    Repeats& repeats = repeatsOf(isBareText ? kindOf(line) : kind);
-    if (!isBareText || !isCountedOnly(repeats)) {
-        writeOrKeep(repeats, priority, line);
-    }
+    writeOrKeep(repeats, priority, {escaped, escape(text, escaped)});
     errno = savedErrno;
 }
 

@@ -37,8 +37,8 @@ public:
     bool takeIn() override;
 
 private:
-    /// What a publish callback in the library's inside left behind: the library holds a lock
-    /// there, so that a send from inside would wait for itself.
+    /// What the library's callback leaves behind: it holds a lock there, so that a send from inside
+    /// would wait for itself. Kept from packet to packet, for their memory.
     struct Arrived {
         std::string topic;
         std::string payload;
@@ -59,6 +59,7 @@ private:
     bool connectFailed();
     bool keepsAlive();
     bool mayHaveInput();
+    void keep(const mosquitto_message& message);
 
     BusConfig _config;
     State _state = State::Disconnected;
@@ -68,6 +69,7 @@ private:
     std::string _refusal;
     std::vector<Arrived> _arrived;
     std::vector<Arrived> _taken;
+    std::size_t _arrivedCount = 0;
     bool _sawInput = false;
     std::int64_t _lastUpkeep = 0;
     std::deque<std::size_t> _publishedBytes;

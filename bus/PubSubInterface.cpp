@@ -108,11 +108,17 @@ QByteArray PubSubInterface::tokenName(int tokenId) const {
 
 bool PubSubInterface::sendToken(QByteArrayView name, const void* data, int length) {
     followFork();
-    if (!TokenTable::isUsable(name)) {
-        DebugText::send(kLogTarget, "token name \"%.*s\" refused", int(name.size()), name.data());
-        return false;
+    // The same token again is the usual case.
+    if (name.isEmpty() || name != QByteArrayView(_sentName)) {
+        if (!TokenTable::isUsable(name)) {
+            DebugText::send(kLogTarget, "token name \"%.*s\" refused", int(name.size()),
+                            name.data());
+            return false;
+        }
+        _sentName = name.toByteArray();
+        _sentTopic = _tokens.topicOf(name);
     }
-    const std::string topic = _tokens.topicOf(name);
+    const std::string& topic = _sentTopic;
     if (length < 0 || length > kMaximumPacketBytes - kTopicLengthBytes - qint64(topic.size())) {
         DebugText::send(kLogTarget, "%d bytes are too many for token \"%s\"", length,
                         topic.c_str());
@@ -142,13 +148,12 @@ bool PubSubInterface::sendTokenMessage(QByteArrayView name, const Message& messa
 void PubSubInterface::readWaitingMessages(int milliseconds) {
     followFork();
     const quint32 start = Clock::ticks();
-    for (;;) {
+    for (int left = milliseconds;; left = std::max(0, milliseconds - Clock::ticksSince(start))) {
         keepConnected();
         if (!_held.isEmpty()) {
             takeInArrived();
             return;
         }
-        const int left = std::max(0, milliseconds - Clock::ticksSince(start));
         int slice = left;
         if (_state != Transport::State::Connected) {
             slice = std::min(slice, kLongestBlindWaitMilliseconds);
@@ -221,6 +226,9 @@ void PubSubInterface::handOver(int tokenId, const char* data, int length) {
 }
 
 void PubSubInterface::handOverHeld() {
+    if (_held.isEmpty()) {
+        return;
+    }
     const QList<Held> held = std::exchange(_held, {});
     for (const Held& delivery : held) {
         if (_tokens.nameOf(delivery.tokenId).isEmpty()) {

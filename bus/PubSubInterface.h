@@ -122,6 +122,8 @@ private:
     void* _context = nullptr;
     std::string _name;
     std::string _url;
+    QByteArray _sentName;    ///< of the last send
+    std::string _sentTopic;  ///< of the same
     Transport::State _state = Transport::State::Disconnected;
     quint32 _lostConnections = 0;
     quint32 _droppedSends = 0;
