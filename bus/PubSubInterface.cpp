@@ -148,7 +148,8 @@ bool PubSubInterface::sendTokenMessage(QByteArrayView name, const Message& messa
 void PubSubInterface::readWaitingMessages(int milliseconds) {
     followFork();
     const quint32 start = Clock::ticks();
-    for (int left = milliseconds;; left = std::max(0, milliseconds - Clock::ticksSince(start))) {
+    for (int left = std::max(0, milliseconds);;
+         left = std::max(0, milliseconds - Clock::ticksSince(start))) {
         keepConnected();
         if (!_held.isEmpty()) {
             takeInArrived();
