@@ -2,8 +2,8 @@
 
 #include "tests/support/ChildProcess.h"
 
-/// A private broker on a Unix socket in a temporary folder, configured as the bus needs it: no
-/// limit on what waits for a slow subscriber, nothing kept over a restart.
+/// A private broker on a Unix socket in a temporary folder, with the settings that the project
+/// ships for a unit's broker.
 class Broker : public ChildProcess {
 public:
     Broker();
