@@ -1,5 +1,7 @@
 #include "bus/BusConfig.h"
 
+#include <mosquitto.h>
+
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
@@ -163,6 +165,11 @@ bool BusConfig::fromEnvironment(BusConfig& config, std::string& fault) {
     config.prefix = environment("SCADA_BUS_PREFIX");
     if (config.prefix.find_first_of("+#") != std::string::npos) {
         fault = "SCADA_BUS_PREFIX: \"" + config.prefix + "\" holds \"+\" or \"#\"";
+        return false;
+    }
+    if (mosquitto_validate_utf8(config.prefix.data(), int(config.prefix.size())) !=
+        MOSQ_ERR_SUCCESS) {
+        fault = "SCADA_BUS_PREFIX: too long for a topic, or not UTF-8 without control characters";
         return false;
     }
     if (const std::string url = environment("SCADA_BUS_URL"); !url.empty()) {

@@ -16,8 +16,8 @@ private:
 /// no heap memory, so signal handlers may call it. The text is cut at 1,023 bytes; control bytes
 /// and bytes from 0x80 on are written as \xNN, so that a name cannot forge a line. Under the
 /// journal (JOURNAL_STREAM is set) each line begins with its priority. Of lines with one target and
-/// format, whatever their values, 100 a second are written; the rest is counted, and the count
-/// written once when the second is over.
+/// format, whatever their values, 100 a second are written (where the format is no more than "%s":
+/// of one text); the rest is counted, and the count written once when the second is over.
 class DebugText {
 public:
     static constexpr std::size_t kMaximumLineBytes = 1023;

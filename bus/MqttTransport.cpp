@@ -69,7 +69,8 @@ MqttTransport* transportOf(void* self) {
     return static_cast<MqttTransport*>(self);
 }
 
-/// The library refused the call itself; the connection is as it was.
+/// The library refused the call itself. Where it names such a fault in what it read, it has closed
+/// the connection by then.
 bool isRefusal(int result) {
     return result == MOSQ_ERR_INVAL || result == MOSQ_ERR_NOMEM ||
            result == MOSQ_ERR_PAYLOAD_SIZE || result == MOSQ_ERR_MALFORMED_UTF8 ||
@@ -141,9 +142,6 @@ bool MqttTransport::connect(const std::string& clientId) {
     const int result =
         mosquitto_connect_async(_client, _config.host.c_str(), port, kKeepAliveSeconds);
     if (!succeeded(result)) {
-        if (_client) {
-            close(mosquitto_strerror(result));
-        }
         return false;
     }
     fcntl(mosquitto_socket(_client), F_SETFD, FD_CLOEXEC);
@@ -175,7 +173,7 @@ bool MqttTransport::succeeded(int result) {
     if (result == MOSQ_ERR_SUCCESS || result == MOSQ_ERR_CONN_PENDING) {
         return true;
     }
-    if (isRefusal(result)) {
+    if (isRefusal(result) && mosquitto_socket(_client) >= 0) {
         return false;
     }
     if (!_libraryError.empty()) {
@@ -297,7 +295,8 @@ Transport::WaitResult MqttTransport::wait(int milliseconds, int wakeDescriptor) 
 }
 
 bool MqttTransport::takeIn() {
-    if (!_client || connectTimedOut() || !mayHaveInput()) {
+    // Also here, for a process that never waits.
+    if (!_client || !keepsAlive() || !mayHaveInput()) {
         return false;
     }
     // The library takes an old EAGAIN for the end of what TLS has decrypted, which no poll shows.

@@ -19,6 +19,8 @@ namespace {
 constexpr int kJoinMilliseconds = 500;
 /// While there is no connection the wait looks up at least this often.
 constexpr int kLongestBlindWaitMilliseconds = 500;
+/// Longer waits are made of these: the transport keeps the connection up at the start of each.
+constexpr int kLongestWaitMilliseconds = 60'000;
 constexpr int kGoodbyeMilliseconds = 2000;
 constexpr std::size_t kMaximumBytesWaiting = 1024 * 1024;
 constexpr qint64 kMaximumPacketBytes = 256 * 1024 * 1024 - 1;
@@ -115,8 +117,10 @@ bool PubSubInterface::sendToken(QByteArrayView name, const void* data, int lengt
                             name.data());
             return false;
         }
+        // Both or none, should the memory run out between them.
+        std::string topic = _tokens.topicOf(name);
         _sentName = name.toByteArray();
-        _sentTopic = _tokens.topicOf(name);
+        _sentTopic = std::move(topic);
     }
     const std::string& topic = _sentTopic;
     if (length < 0 || length > kMaximumPacketBytes - kTopicLengthBytes - qint64(topic.size())) {
@@ -155,7 +159,7 @@ void PubSubInterface::readWaitingMessages(int milliseconds) {
             takeInArrived();
             return;
         }
-        int slice = left;
+        int slice = std::min(left, kLongestWaitMilliseconds);
         if (_state != Transport::State::Connected) {
             slice = std::min(slice, kLongestBlindWaitMilliseconds);
             const int untilDue = _reconnect.millisecondsUntilDue(Clock::ticks());
@@ -207,20 +211,17 @@ void PubSubInterface::delivered(const char* topic, const void* payload, int leng
     const auto* data = static_cast<const char*>(payload);
     ++_batchDeliveries;
     _batchBytes += length;
-    if (_holdsBack) {
-        _held.append({tokenId, QByteArray(data, length)});
-        return;
-    }
     handOver(tokenId, data, length);
 }
 
 void PubSubInterface::handOver(int tokenId, const char* data, int length) {
-    if (!_callback) {
-        return;
-    }
     PubSubMessage message{tokenId, data, length};
     try {
-        _callback(_context, &message);
+        if (_holdsBack) {
+            _held.append({tokenId, QByteArray(data, length)});
+        } else if (_callback) {
+            _callback(_context, &message);
+        }
     } catch (const std::bad_alloc&) {
         DebugText::send(kLogTarget, "no memory for a delivery of %d bytes, dropped", length);
     }

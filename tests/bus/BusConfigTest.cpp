@@ -148,6 +148,14 @@ TEST_F(BusConfigTest, APrefixWithAWildcardIsRefusedByName) {
     }
 }
 
+TEST_F(BusConfigTest, APrefixThatNoTopicCanHoldIsRefusedByName) {
+    const std::string tooLong(65'537, 'a');
+    for (const char* prefix : {"plant\xff/", "plant\n/", tooLong.c_str()}) {
+        EXPECT_FALSE(read({{"SCADA_BUS_PREFIX", prefix}}));
+        EXPECT_TRUE(fault.starts_with("SCADA_BUS_PREFIX: ")) << fault;
+    }
+}
+
 TEST_F(BusConfigTest, AFaultLeavesNothingOfTheLastReading) {
     ASSERT_TRUE(read({{"SCADA_BUS_URL", "mqtt://op:pw@broker"}, {"SCADA_BUS_PREFIX", "p/"}}));
     ASSERT_TRUE(read({}));

@@ -41,6 +41,11 @@ TEST_F(PubSubInterfaceTest, ANegativeWaitIsNoEndlessOne) {
     EXPECT_EQ(transport->waits, QList<int>{0});
 }
 
+TEST_F(PubSubInterfaceTest, ALongWaitLooksAfterTheConnectionOnceAMinute) {
+    bus->readWaitingMessages(150'000);
+    EXPECT_EQ(transport->waits, (QList<int>{60'000, 60'000, 30'000}));
+}
+
 TEST_F(PubSubInterfaceTest, AWaitGoesOnAcrossTheWrapOfTheTicks) {
     clock.tick = 0xffff'fff0U;
     bus->readWaitingMessages(1'000);
@@ -213,6 +218,18 @@ TEST_F(PubSubInterfaceTest, ASendIsTheTokensTopicAndTheBytes) {
     EXPECT_EQ(transport->sent.at(0).token, "ConnectionManager.to");
     EXPECT_EQ(transport->sent.at(0).payload, QByteArray("a\0b", 3));
     EXPECT_EQ(transport->sent.at(1).payload, QByteArray::fromHex("dd000000 6900 01000000"));
+}
+
+TEST_F(PubSubInterfaceTest, EachSendGoesToItsOwnTokenWhateverTheLastOneWas) {
+    const QList<QByteArray> tokens = {"w.1", "w.2", "w.2", "w.1", "w.12", "w.1", "w"};
+    for (const QByteArray& token : tokens) {
+        EXPECT_TRUE(bus->sendToken(token, "x", 1));
+        EXPECT_FALSE(bus->sendToken("w/2", "x", 1));
+    }
+    ASSERT_EQ(transport->sent.size(), tokens.size());
+    for (qsizetype i = 0; i < tokens.size(); ++i) {
+        EXPECT_EQ(transport->sent.at(i).token, tokens.at(i));
+    }
 }
 
 TEST_F(PubSubInterfaceTest, TheLargestPayloadIs256MiBMinusTheOverhead) {

@@ -59,6 +59,22 @@ TEST(TokenTableTest, ATokenIsFoundByNameNumberAndTopic) {
     EXPECT_EQ(table.names(), (QList<QByteArray>{"a.b", "c"}));
 }
 
+TEST(TokenTableTest, TokensWithOneBeginningAreKeptApart) {
+    TokenTable table("u/");
+    const QList<QByteArray> names = {"a", "a.b", "a.b.7", "a.b.77", "ab"};
+    for (const QByteArray& name : names) {
+        EXPECT_TRUE(table.want(name));
+    }
+    EXPECT_TRUE(table.unwant("a.b.7"));
+    EXPECT_EQ(table.findTopic("u/a/b/7"), -1);
+    EXPECT_EQ(table.find("a.b.7"), -1);
+    for (const QByteArray name : {"a", "a.b", "a.b.77", "ab"}) {
+        const int id = table.find(name);
+        EXPECT_EQ(table.nameOf(id), name);
+        EXPECT_EQ(table.findTopic(table.topicOf(name).c_str()), id);
+    }
+}
+
 TEST(TokenTableTest, WhatIsNotWantedIsNotFound) {
     TokenTable table("u/");
     table.want("a.b");

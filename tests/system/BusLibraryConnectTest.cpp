@@ -4,10 +4,30 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <ctime>
 #include <thread>
+
+namespace {
+
+std::atomic<int> g_secondsAhead = 0;
+
+}  // namespace
+
+/// Stands before the system's for the whole program, so that minutes pass for the MQTT library
+/// too when a test says so.
+extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
+    const int result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+    const bool isMonotonic =
+        clock == CLOCK_MONOTONIC || clock == CLOCK_MONOTONIC_COARSE || clock == CLOCK_BOOTTIME;
+    if (result == 0 && isMonotonic) {
+        now->tv_sec += g_secondsAhead;
+    }
+    return result;
+}
 
 namespace {
 
@@ -247,6 +267,80 @@ TEST_F(BusLibraryConnectTest, ABrokerThatDropsEachNewConnectionIsNotTriedInAHotL
     EXPECT_GE(listener.accepted(), 5);
     EXPECT_LE(listener.accepted(), 10);
     EXPECT_LT(cpuSeconds() - before, 0.3) << "10 % of the time";
+}
+
+/// A broker that accepts and then only listens to what the test reads.
+class BusLibraryIdleTest : public BusLibraryConnectTest {
+protected:
+    ~BusLibraryIdleTest() override { close(_connection); }
+
+    void SetUp() override {
+        NoBroker listener([this](int connection) {
+            char request[512];
+            [[maybe_unused]] const auto taken = read(connection, request, sizeof request);
+            say(connection, std::string("\x20\x02\x00\x00", 4));  // CONNACK, accepted
+            _connection = connection;
+        });
+        ASSERT_NO_FATAL_FAILURE(join(listener.url()));
+        ASSERT_TRUE(waitUntilConnected(1000));
+    }
+    static void say(int connection, const std::string& bytes) {
+        ASSERT_EQ(write(connection, bytes.data(), bytes.size()), ssize_t(bytes.size()));
+    }
+    /// What the library has sent since the last look.
+    std::string heard() const {
+        char bytes[64];
+        const ssize_t length = recv(_connection, bytes, sizeof bytes, MSG_DONTWAIT);
+        return length > 0 ? std::string(bytes, std::size_t(length)) : std::string();
+    }
+    /// Nothing but 300 seconds of silence draws a ping, and an answered one keeps the connection.
+    void expectPings(const std::function<void()>& pass) {
+        const std::string ping("\xc0\x00", 2);
+        for (int round = 0; round < 3; ++round) {
+            g_secondsAhead += 290;
+            pass();
+            EXPECT_EQ(heard(), "");
+            g_secondsAhead += 12;
+            pass();
+            EXPECT_EQ(heard(), ping);
+            say(_connection, std::string("\xd0\x00", 2));
+            pass();
+        }
+        EXPECT_EQ(_bus->lostConnections(), 0U);
+    }
+
+private:
+    std::atomic<int> _connection = -1;
+};
+
+TEST_F(BusLibraryIdleTest, IsPingedByWhoWaits) {
+    expectPings([this] { _bus->readWaitingMessages(20); });
+}
+
+TEST_F(BusLibraryIdleTest, IsPingedByWhoNeverWaits) {
+    expectPings([this] { _bus->takeInArrived(); });
+}
+
+TEST_F(BusLibraryConnectTest, ATopicThatIsNoTextEndsTheConnectionAndItIsTriedAgainAtOnce) {
+    std::vector<int> held;
+    {
+        NoBroker listener([&](int connection) {
+            char request[512];
+            [[maybe_unused]] const auto taken = read(connection, request, sizeof request);
+            // CONNACK, accepted; PUBLISH on the topic "\xff".
+            [[maybe_unused]] const auto given =
+                write(connection, "\x20\x02\x00\x00\x30\x04\x00\x01\xffx", 10);
+            held.push_back(connection);
+        });
+        ASSERT_NO_FATAL_FAILURE(join(listener.url()));
+        _bus->readWaitingMessages(700);
+        EXPECT_GE(listener.accepted(), 2);
+        EXPECT_GE(_bus->lostConnections(), 1U);
+        EXPECT_TRUE(_payloads.empty());
+    }
+    for (const int connection : held) {
+        close(connection);
+    }
 }
 
 TEST_F(BusLibraryConnectTest, AListenerThatSpeaksAnotherProtocolIsTriedAgainAndCrashesNothing) {

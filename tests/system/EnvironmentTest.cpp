@@ -37,7 +37,8 @@ INSTANTIATE_TEST_SUITE_P(
         BadValue{"SCADA_BUS_URL", "mqtt://127.0.0.1:abc"},
         BadValue{"SCADA_BUS_URL", "mqtt://127.0.0.1:1883x"},
         BadValue{"SCADA_BUS_URL", "mqtt://127.0.0.1:"}, BadValue{"SCADA_BUS_PREFIX", "plant/+/"},
-        BadValue{"SCADA_BUS_PREFIX", "#"}, BadValue{"SCADA_BUS_CAFILE", "/nowhere/ca.pem"},
+        BadValue{"SCADA_BUS_PREFIX", "#"}, BadValue{"SCADA_BUS_PREFIX", "plant\xff/"},
+        BadValue{"SCADA_BUS_CAFILE", "/nowhere/ca.pem"},
         BadValue{"SCADA_BUS_CERTFILE", "/nowhere/cert.pem"},
         BadValue{"SCADA_BUS_KEYFILE", "/nowhere/key.pem"}));
 
