@@ -10,13 +10,11 @@ void RunState::noteKeepalive() {
     _lastKeepaliveTicks = Clock::ticks();
 }
 
-bool RunState::isKeepaliveOverdue() {
-    const qint64 now = Clock::wallSeconds();
-    if (now < _lastKeepalive) {
-        _lastKeepalive = now;
-    }
-    if (now - _lastKeepalive <= kKeepaliveLimitSeconds) {
+bool RunState::isKeepaliveOverdue() const {
+    const quint32 elapsedMilliseconds = Clock::ticks() - _lastKeepaliveTicks;
+    if (elapsedMilliseconds < kKeepaliveLimitSeconds * 1000U) {
         return false;
     }
-    return Clock::ticks() - _lastKeepaliveTicks >= kKeepaliveLimitSeconds * 1000U;
+    return Clock::wallSeconds() - _lastKeepalive > kKeepaliveLimitSeconds ||
+           elapsedMilliseconds >= (kKeepaliveLimitSeconds + 1) * 1000U;
 }

@@ -21,9 +21,9 @@ public:
     void noteKeepalive();
 
     /// Whether more than the limit has passed since the last keep-alive. The wall clock decides,
-    /// in whole seconds; where it steps back, the count starts again from there, and where it
-    /// leaps ahead, the monotonic clock has to agree that the limit is over.
-    bool isKeepaliveOverdue();
+    /// in whole seconds; where it leaps ahead, the monotonic clock has to agree that the limit is
+    /// over, and where it steps back, the monotonic clock goes on counting alone.
+    bool isKeepaliveOverdue() const;
 
 private:
     qint64 _lastKeepalive = 0;

@@ -12,7 +12,5 @@ inline constexpr char kStorageManager[] = "StorageManager.to";
 inline constexpr char kThumbnailDayFinished[] = "ThumbnailManager.dayFinished";
 
 inline constexpr char kClientMessage[] = "ConnectionManager.clientMessage";
-inline constexpr char kConnectionManager[] = "ConnectionManager.to";
-inline constexpr char kConnectionWriteCountFormat[] = "ConnectionManager.writeCount.%d";
 
 }  // namespace Tokens

@@ -112,6 +112,23 @@ TEST_F(DeliveryTest, AStorageRequestThatDoesNotFitIntoMemoryIsQueuedWithoutItsPa
     EXPECT_EQ(result, 0);
 }
 
+TEST_F(DeliveryTest, ABrokenDeliveryThatDoesNotFitIntoMemoryIsNoKeepaliveAndNoQuitEither) {
+    for (const int command : {0, 1}) {
+        QByteArray frame = framed(7, wire(command, ""));
+        frame.append(64 << 20, 'x');
+        const int result = inChild([&] {
+            limitMemory(16 << 20);
+            PubSubMessage delivery{g_StorageMessageTokenID, frame.constData(), int(frame.size())};
+            PubSubInterfaceCallback(nullptr, &delivery);
+            return g_waitingMessages.size() == 1 &&
+                           g_waitingMessages.first()->command() == Message::kMalformedCommand
+                       ? 0
+                       : 1;
+        });
+        EXPECT_EQ(result, 0) << command;
+    }
+}
+
 TEST_F(DeliveryTest, AnyOtherDeliveryThatDoesNotFitIntoMemoryIsDroppedAndLogged) {
     const QByteArray block(64 << 20, 'x');
     const QByteArray bytes = wire(220, "B", int(block.size()), block.data());

@@ -55,6 +55,13 @@ TEST_F(DispatchTest, AQuitSetsTheFlagAndIsTheOnlyCommandThatReturnsFalse) {
     }
 }
 
+TEST_F(DispatchTest, TheFormatOfADaemonCommandIsNotChecked) {
+    EXPECT_TRUE(process(message(0, 0, "iS", 5, "more")));
+    EXPECT_EQ(bus.takeSent().size(), 1);
+    EXPECT_FALSE(process(message(0, 1, "i", 5)));
+    EXPECT_TRUE(g_quit);
+}
+
 TEST_F(DispatchTest, AfterAQuitTheRestOfTheDrainIsStillDispatched) {
     receive("StorageManager.to", wire(1, ""));
     receive("StorageManager.to", wire(0, ""));

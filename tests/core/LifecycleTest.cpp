@@ -20,6 +20,8 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -159,6 +161,101 @@ TEST_F(LifecycleTest, RemainingJobsAreDeletedFirst) {
         quit();
     });
     EXPECT_TRUE(servicesWereThere);
+}
+
+/// Notes which services there are when the bus is joined and when it is left.
+class WitnessTransport : public FakeTransport {
+public:
+    explicit WitnessTransport(QList<QByteArray>& record) : _record(record) {}
+    bool connect(const std::string& clientId) override {
+        note("join:");
+        return FakeTransport::connect(clientId);
+    }
+    void disconnect() override {
+        note("leave:");
+        FakeTransport::disconnect();
+    }
+
+private:
+    void note(QByteArray event) {
+        event += g_memoryCache ? " cache" : "";
+        event += g_pFilesystem ? " files" : "";
+        event += g_remoteManager ? " jobs" : "";
+        _record.append(event);
+    }
+
+    QList<QByteArray>& _record;
+};
+
+TEST(LifecycleOrder, TheCacheIsThereBeforeAndAfterTheBusAndTheServicesOnlyBetween) {
+    const KeptSignalHandlers kept;
+    LogCapture log;
+    QList<QByteArray> record;
+    auto transport = std::make_unique<WitnessTransport>(record);
+    transport->onWait = [](int) { raise(SIGUSR1); };
+    Lifecycle lifecycle(std::move(transport));
+    EXPECT_EQ(lifecycle.run(), 0);
+    EXPECT_EQ(record, (QList<QByteArray>{"join: cache", "leave: cache"}));
+    g_quit = false;
+}
+
+/// A broker that takes a wait to confirm the subscriptions.
+class SlowTransport : public FakeTransport {
+public:
+    int subscriptionsPending() const override { return waits.isEmpty() ? 1 : 0; }
+};
+
+TEST(LifecycleOrder, ItSaysThatItIsStartingOnceItsRequestsAreHeard) {
+    const KeptSignalHandlers kept;
+    LogCapture log;
+    QList<bool> saidInWait;
+    auto transport = std::make_unique<SlowTransport>();
+    transport->onWait = [&](int) {
+        saidInWait.append(log.contains("scada-storage-process: scada-storage-process: starting"));
+        if (saidInWait.last()) {
+            raise(SIGUSR1);
+        }
+    };
+    Lifecycle lifecycle(std::move(transport));
+    EXPECT_EQ(lifecycle.run(), 0);
+    EXPECT_EQ(saidInWait, (QList<bool>{false, true}));
+    g_quit = false;
+}
+
+TEST_F(LifecycleTest, AQuitFromBeforeTheStartIsForgotten) {
+    g_quit = true;
+    int waits = 0;
+    run([&] {
+        ++waits;
+        quit();
+    });
+    EXPECT_EQ(waits, 1);
+}
+
+TEST_F(LifecycleTest, TheWatchdogCountsFromTheStart) {
+    clock.advance(3600);
+    int waits = 0;
+    const int status = run([&] {
+        ++waits;
+        clock.advance(waits == 1 ? 15 : 1);
+    });
+    EXPECT_EQ(status, -7);
+    EXPECT_EQ(waits, 2);
+}
+
+TEST_F(LifecycleTest, ItRunsWithNiceValue5AndIdleIOPriority) {
+    // The process's I/O priority; the class stands above 13 bits of level.
+    constexpr int kIOPriorityOfProcess = 1;
+    constexpr int kIOClassShift = 13;
+    int niceValue = -1;
+    long ioClass = -1;
+    run([&] {
+        niceValue = getpriority(PRIO_PROCESS, 0);
+        ioClass = syscall(SYS_ioprio_get, kIOPriorityOfProcess, 0) >> kIOClassShift;
+        quit();
+    });
+    EXPECT_EQ(niceValue, 5);
+    EXPECT_EQ(ioClass, 3);
 }
 
 TEST_F(LifecycleTest, UndispatchedMessagesAreFreed) {

@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -121,6 +122,16 @@ TEST_F(RegularFileTest, NothingButARegularFileIsOpened) {
     }
     ::close(socket);
     EXPECT_TRUE(warnings.lines().isEmpty());
+}
+
+TEST_F(RegularFileTest, AFifoIsNotOpenedEvenForAMoment) {
+    ASSERT_EQ(::mkfifo("/root/data/fifo", 0600), 0);
+    const int reader = ::open("/root/data/fifo", O_RDONLY | O_NONBLOCK);
+    QFile file;
+    EXPECT_FALSE(RegularFile::open(file, "/root/data/fifo", QIODevice::WriteOnly));
+    pollfd waiting = {reader, POLLIN, 0};
+    EXPECT_EQ(::poll(&waiting, 1, 0), 0) << "a writer came and went";
+    ::close(reader);
 }
 
 TEST_F(RegularFileTest, ALinkToARegularFileIsOpened) {

@@ -50,10 +50,10 @@ TEST_F(UnitLockTest, ALockHeldByAnotherIsRefusedWithOneLine) {
 }
 
 TEST_F(UnitLockTest, AMissingDirectoryIsLoggedAndNoReasonNotToStart) {
-    EXPECT_TRUE(UnitLock::take("/root/data/missing"));
-    EXPECT_EQ(log.lines(), QList<QByteArray>{
-                               "scada-storage-process: cannot lock \"/root/data/missing\": No such "
-                               "file or directory"});
+    EXPECT_TRUE(UnitLock::take("/root/data/absent"));
+    EXPECT_EQ(log.lines(),
+              QList<QByteArray>{"scada-storage-process: cannot lock \"/root/data/absent\": No such "
+                                "file or directory"});
 }
 
 TEST_F(UnitLockTest, AFileInTheDirectorysPlaceIsLoggedAndNoReasonNotToStart) {
