@@ -29,6 +29,11 @@ bool isOneFile(const QByteArray& first, const QByteArray& second) {
     return isSame(::lstat, first, second) || isSame(::stat, first, second);
 }
 
+/// A card that cannot be read for the moment has not lost the file.
+bool saysMissing(int error) {
+    return error == ENOENT || error == ENOTDIR || error == ENAMETOOLONG;
+}
+
 bool copyContents(QFile& source, int target) {
     std::array<char, 65536> buffer;
     for (;;) {
@@ -47,14 +52,15 @@ bool copyContents(QFile& source, int target) {
     }
 }
 
-/// Mode and time go with the file, as they do when it is renamed.
-bool copyAttributes(const QFile& source, int target) {
+/// Mode and time go with the file, as they do when it is renamed; but no move fails for them, as
+/// the file systems of memory cards do not keep every one.
+void copyAttributes(const QFile& source, int target) {
     struct stat status;
-    if (::fstat(source.handle(), &status) != 0) {
-        return false;
+    if (::fstat(source.handle(), &status) == 0) {
+        const std::array<timespec, 2> times = {status.st_atim, status.st_mtim};
+        ::fchmod(target, status.st_mode & 07777);
+        ::futimens(target, times.data());
     }
-    const std::array<timespec, 2> times = {status.st_atim, status.st_mtim};
-    return ::fchmod(target, status.st_mode & 07777) == 0 && ::futimens(target, times.data()) == 0;
 }
 
 bool syncFolder(const QByteArray& folder) {
@@ -77,8 +83,9 @@ bool moveByCopy(const QByteArray& from, const QByteArray& to) {
     if (target < 0) {
         return false;
     }
-    const bool isWhole =
-        copyContents(source, target) && copyAttributes(source, target) && ::fsync(target) == 0;
+    bool isWhole = copyContents(source, target);
+    copyAttributes(source, target);
+    isWhole = isWhole && ::fsync(target) == 0;
     // The folder is synced as well: the removal lands on another file system, and must not reach
     // its disk before the new name has reached this one.
     if (::close(target) == 0 && isWhole && ::rename(copy.constData(), to.constData()) == 0) {
@@ -94,23 +101,21 @@ bool moveInPlaceOf(const QByteArray& from, const QByteArray& to) {
     struct stat source;
     struct stat target;
     if (::lstat(from.constData(), &source) != 0) {
-        ::unlink(to.constData());
-        return false;
-    }
-    if (isOneFile(from, to)) {
-        return false;
-    }
-    if (::lstat(to.constData(), &target) == 0) {
-        if (S_ISDIR(target.st_mode)) {
-            return false;
-        }
-        // A directory cannot be renamed over a file.
-        if (S_ISDIR(source.st_mode)) {
+        if (saysMissing(errno)) {
             ::unlink(to.constData());
         }
+        return false;
+    }
+    const bool isOverFolder = ::lstat(to.constData(), &target) == 0 && S_ISDIR(target.st_mode);
+    if (isOverFolder || isOneFile(from, to)) {
+        return false;
     }
     if (::rename(from.constData(), to.constData()) == 0) {
         return true;
+    }
+    // A directory cannot be renamed over a file.
+    if (errno == ENOTDIR && S_ISDIR(source.st_mode)) {
+        return ::unlink(to.constData()) == 0 && ::rename(from.constData(), to.constData()) == 0;
     }
     return errno == EXDEV && moveByCopy(from, to);
 }

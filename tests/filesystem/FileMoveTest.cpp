@@ -43,6 +43,22 @@ TEST_F(FileMoveTest, MoveFromAMissingFileRemovesTheTargetAndFails) {
     EXPECT_FALSE(files.moveFile(kFrom, kTo));
 }
 
+TEST_F(FileMoveTest, ASourceBelowAFileOrOfTooLongANameIsMissing) {
+    writeTestFile("/root/data/other", "x");
+    for (const QString& from : {QString("/root/data/other/below"), "/mmc/" + QString(300, 'x')}) {
+        writeTestFile(kTo, "old");
+        EXPECT_FALSE(files.moveFile(from, kTo));
+        EXPECT_EQ(readTestFile(kTo), "(missing)") << from.toStdString();
+    }
+}
+
+TEST_F(FileMoveTest, ASourceThatCannotBeLookedAtLeavesTheTarget) {
+    writeTestFile(kTo, "old");
+    ASSERT_EQ(::symlink("loop", "/root/data/loop"), 0);
+    EXPECT_FALSE(files.moveFile("/root/data/loop/from", kTo));
+    EXPECT_EQ(readTestFile(kTo), "old");
+}
+
 TEST_F(FileMoveTest, NamesOutsideTheRootsAreRefusedOnEitherSide) {
     writeTestFile(kFrom, "new");
     writeTestFile("/tmp/outside", "old");
@@ -107,6 +123,16 @@ TEST_F(FileMoveTest, ADirectoryIsNeverReplaced) {
     EXPECT_EQ(namesIn("/root/data"), (QStringList{"folder", "from", "to"}));
 }
 
+TEST_F(FileMoveTest, ADirectoryThatCannotBeMovedLeavesTheTarget) {
+    writeTestFile("/root/data/folder/inside", "x");
+    writeTestFile(kElsewhere, "old");
+    EXPECT_FALSE(files.moveFile("/root/data/folder", kElsewhere)) << "on another file system";
+    EXPECT_EQ(readTestFile(kElsewhere), "old");
+    EXPECT_FALSE(files.moveFile("/root/data/folder", "/root/data/folder/inside"));
+    EXPECT_FALSE(files.moveFile("/root/data/folder", "/root/data/folder/inside/below"));
+    EXPECT_EQ(readTestFile("/root/data/folder/inside"), "x");
+}
+
 TEST_F(FileMoveTest, AFailedRenameLeavesTheTargetAsItWas) {
     writeTestFile(kFrom, "new");
     EXPECT_FALSE(files.moveFile(kFrom, "/root/data/no/folder"));
@@ -145,6 +171,16 @@ TEST_F(FileMoveTest, AcrossFileSystemsAFullDiskLeavesBothFilesAsTheyWere) {
     EXPECT_EQ(readTestFile(kFrom).size(), 100'000);
     EXPECT_EQ(readTestFile(kElsewhere), "old");
     EXPECT_EQ(namesIn("/mmc"), QStringList{"to"}) << "no partial copy is left";
+}
+
+TEST_F(FileMoveTest, AcrossFileSystemsALinkIsMovedAsTheFileThatItLeadsTo) {
+    writeTestFile(kFrom, "data");
+    ASSERT_EQ(::symlink("from", "/root/data/soft"), 0);
+    EXPECT_TRUE(files.moveFile("/root/data/soft", kElsewhere));
+    EXPECT_FALSE(QFileInfo(kElsewhere).isSymLink());
+    EXPECT_EQ(readTestFile(kElsewhere), "data");
+    EXPECT_EQ(readTestFile(kFrom), "data");
+    EXPECT_EQ(namesIn("/root/data"), QStringList{"from"});
 }
 
 TEST_F(FileMoveTest, AcrossFileSystemsOnlyRegularFilesAreMoved) {

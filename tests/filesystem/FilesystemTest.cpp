@@ -176,6 +176,13 @@ TEST_F(FilesystemTest, OpenTellsTheSizeAndLogsTheName) {
     EXPECT_EQ(log.lines(), QList<QByteArray>{"Filesystem: OPENED FILE \"/root/data/file\""});
 }
 
+TEST_F(FilesystemTest, OpenTellsTheLow32BitsOfALargeSize) {
+    makeSparseFile(kFile, (1LL << 32) + 5);
+    int length = -7;
+    EXPECT_EQ(files.openFile(kFile, QIODevice::ReadOnly, length), 0);
+    EXPECT_EQ(length, 5);
+}
+
 TEST_F(FilesystemTest, OpenOfANameOutsideTheRootsIsLogged) {
     EXPECT_EQ(open("/root/data/../../etc/passwd", kReadOnly), -1);
     EXPECT_EQ(log.lines(),

@@ -8,10 +8,12 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
 
-#include <atomic>
+#include <csignal>
 #include <limits>
-#include <thread>
+#include <tuple>
 
 namespace {
 
@@ -58,6 +60,10 @@ private:
     qint64 _size;
 };
 
+void cutHashedFile(int) {
+    std::ignore = ::truncate("/root/data/hashed", 100);
+}
+
 class FileHashManagerTest : public testing::Test {
 protected:
     void SetUp() override { emptyRoots(); }
@@ -97,28 +103,17 @@ TEST_F(FileHashManagerTest, ARangeMayEndAtTheEndOfTheFileAndNotBehindIt) {
 }
 
 TEST_F(FileHashManagerTest, AFileThatShrinksWhileItIsHashedGivesANullString) {
-    // Long enough to be cut in the midst of it: 256 MiB take a good part of a second.
+    // 256 MiB take many times the processor time after which the file is cut, and opening it
+    // takes next to none.
     makeSparseFile(kFile, 256LL << 20);
-    std::atomic<bool> isCut = false;
-    std::thread cutter([&] {
-        const auto isOpened = [] {
-            for (int descriptor = 3; descriptor < 64; ++descriptor) {
-                const QString link = QStringLiteral("/proc/self/fd/%1").arg(descriptor);
-                if (QFile::symLinkTarget(link) == kFile) {
-                    return true;
-                }
-            }
-            return false;
-        };
-        while (!isOpened()) {
-            std::this_thread::yield();
-        }
-        QFile::resize(kFile, 100);
-        isCut = true;
-    });
+    void (*const before)(int) = std::signal(SIGPROF, cutHashedFile);
+    const itimerval once = {{0, 0}, {0, 20'000}};
+    ASSERT_EQ(::setitimer(ITIMER_PROF, &once, nullptr), 0);
     const QString digest = FileHashManager::calculateFileHash(kFile, 0, 256 << 20);
-    cutter.join();
-    EXPECT_TRUE(isCut);
+    const itimerval never = {};
+    ASSERT_EQ(::setitimer(ITIMER_PROF, &never, nullptr), 0);
+    std::signal(SIGPROF, before);
+    EXPECT_EQ(QFile(kFile).size(), 100) << "it was cut";
     EXPECT_TRUE(digest.isNull());
 }
 
@@ -185,6 +180,11 @@ TEST_F(FileHashManagerTest, KeptRangeWhoseEndWrapsPastTheLargestIntegerFindsNoDa
     EXPECT_TRUE(FileHashManager::calculateFileHash(kFile, std::numeric_limits<int>::max(),
                                                    std::numeric_limits<int>::max())
                     .isNull());
+}
+
+TEST_F(FileHashManagerTest, KeptSizeOfAFileBeyondTwoGigabytesIsNegativeAndHashesNoData) {
+    makeSparseFile(kFile, 3LL << 30);
+    EXPECT_EQ(FileHashManager::calculateFileHash(kFile, 0, -1), kEmptyDigest);
 }
 
 TEST_F(FileHashManagerTest, KeptSizeOfAFileBeyondFourGigabytesCountsInItsLow32Bits) {
@@ -256,6 +256,7 @@ TEST_F(FileHashManagerTest, AnOpenFileThatCannotBeReadThereGivesAnEmptyArray) {
     QFile written(kFile);
     ASSERT_TRUE(written.open(QIODevice::WriteOnly));
     EXPECT_TRUE(FileHashManager::calculateFileHash(written, 0, 1).isEmpty()) << "write-only";
+    EXPECT_EQ(FileHashManager::calculateFileHash(written, 0, 0), md5("")) << "nothing is read";
 }
 
 TEST_F(FileHashManagerTest, AnInstanceBelongsToItsParent) {
