@@ -40,7 +40,16 @@ TEST_F(ChangeCommandsTest, AMoveOntoItselfIsUnsafeAndNotSent) {
 
 TEST_F(ChangeCommandsTest, AMoveOntoADirectoryIsNotSent) {
     EXPECT_EQ(run({"mv", kFrom, "/root/data/a/sub"}), 1);
+    EXPECT_TRUE(talk.contains("name the file")) << talk.constData();
     EXPECT_EQ(daemon.count(MESSAGE_FILE_MOVE), 0);
+}
+
+TEST_F(ChangeCommandsTest, AMoveIntoAMissingDirectoryNamesTheDirectory) {
+    meet(MESSAGE_FILE_MOVE, Fate::Bare);
+    EXPECT_EQ(run({"mv", kFrom, "/root/data/none/to"}), 4);
+    EXPECT_TRUE(talk.contains("/root/data/none: not found")) << talk.constData();
+    EXPECT_EQ(run({"mv", kFrom, kTo}), 1);
+    EXPECT_TRUE(talk.contains("could not move it")) << talk.constData();
 }
 
 TEST_F(ChangeCommandsTest, AMoveWhoseAnswerIsLostIsNotRepeatedAndFoundDone) {
@@ -147,6 +156,12 @@ TEST_F(ChangeCommandsTest, PingTakesAnyAnswerAndSendsNoKeepAlive) {
     }
     daemon.fate = [](const Message&) { return Fate::LostRequest; };
     EXPECT_EQ(run({"ping"}), 11);
+}
+
+TEST_F(ChangeCommandsTest, PingsThatNobodyAnsweredHaveNoRoundTrips) {
+    daemon.fate = [](const Message&) { return Fate::LostRequest; };
+    EXPECT_EQ(run({"ping", "-c", "2"}), 11);
+    EXPECT_TRUE(talk.endsWith("2 sent, 0 answered\n")) << talk.constData();
 }
 
 TEST_F(ChangeCommandsTest, PingsThatWereAnsweredInPartArePartly) {

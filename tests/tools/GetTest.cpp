@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <QDateTime>
 #include <QFileInfo>
@@ -315,6 +316,15 @@ TEST_F(GetTest, ASymbolicLinkAsPartialFileIsLeftAlone) {
     EXPECT_EQ(readLocal("precious"), "precious");
 }
 
+TEST_F(GetTest, ASymbolicLinkAsTargetIsLeftAlone) {
+    daemon.files[kFile] = {"data"};
+    writeLocal("precious", "precious");
+    ASSERT_TRUE(QFile::link(local("precious"), local("file")));
+    EXPECT_EQ(getFile(), 7);
+    EXPECT_TRUE(QFileInfo(local("file")).isSymLink());
+    EXPECT_EQ(readLocal("precious"), "precious");
+}
+
 TEST_F(GetTest, APartialFileThatAnotherRunWritesIsLeftAlone) {
     daemon.files[kFile] = {"data"};
     writeLocal("file.part", "theirs");
@@ -337,6 +347,18 @@ TEST_F(GetTest, AnUnwritableFolderIsALocalFailure) {
     EXPECT_EQ(run({"get", kFile, "-o", local("no/such/folder").toStdString()}), 6);
 }
 
+TEST_F(GetTest, AFileBeyondTheLimitOnFileSizesIsALocalFailure) {
+    contents() = someBytes(100'000);
+    const rlimit limit = {10'000, 10'000};
+    const auto getFileWithTheLimit = [this, &limit] {
+        storagectl::Interrupt::install();
+        setrlimit(RLIMIT_FSIZE, &limit);
+        _exit(getFile());
+    };
+    EXPECT_EXIT(getFileWithTheLimit(), testing::ExitedWithCode(6), "");
+    EXPECT_FALSE(existsLocal("file"));
+}
+
 TEST_F(GetTest, SeveralFilesGoToADirectory) {
     daemon.files["/root/data/a/one"] = {"1"};
     daemon.files["/root/data/a/two"] = {"2"};
@@ -346,6 +368,16 @@ TEST_F(GetTest, SeveralFilesGoToADirectory) {
     EXPECT_EQ(readLocal("one"), "1");
     EXPECT_EQ(readLocal("two"), "2");
     EXPECT_EQ(run({"get", "/root/data/a/one", "/root/data/a/two", "-o", target + "/name"}), 2);
+}
+
+TEST_F(GetTest, ASecondFileOfOneNameDoesNotReplaceTheFirst) {
+    daemon.files["/root/data/a/file"] = {"one"};
+    daemon.files["/root/data/b/file"] = {"two"};
+    EXPECT_EQ(
+        run({"get", "/root/data/a/file", "/root/data/b/file", "-o", folder.path().toStdString()}),
+        3);
+    EXPECT_EQ(readLocal("file"), "one");
+    EXPECT_TRUE(talk.contains("would replace")) << talk.constData();
 }
 
 TEST_F(GetTest, APathWithoutANameHasNowhereToGo) {

@@ -52,11 +52,25 @@ TEST_F(ListCommandTest, AWildcardAndAPatternSelectNames) {
     EXPECT_EQ(run({"ls", "/root/data/a/z*"}), 4);
 }
 
+TEST_F(ListCommandTest, ANameThatIsAWildcardOfOthersOnlyIsListedAsItself) {
+    daemon.files["/root/data/a/x[1]"] = {"x"};
+    daemon.files["/root/data/a/d[1]/inside"] = {"y"};
+    EXPECT_EQ(run({"ls", "/root/data/a/x[1]"}), 0);
+    EXPECT_EQ(data, "x[1]\n");
+    EXPECT_EQ(run({"ls", "/root/data/a/d[1]"}), 0);
+    EXPECT_EQ(data, "inside\n");
+    EXPECT_EQ(run({"ls", "/root/data/a/y[1]"}), 4);
+    EXPECT_TRUE(talk.contains("no name matches")) << talk.constData();
+}
+
 TEST_F(ListCommandTest, MissingAndRefusedAndRootsAreToldApart) {
     EXPECT_EQ(run({"ls", "/root/data/none"}), 4);
     EXPECT_EQ(run({"ls", "/etc"}), 7);
-    EXPECT_EQ(run({"ls", "/root/data"}), 7);
-    EXPECT_TRUE(talk.contains("not the first two themselves")) << talk.constData();
+    EXPECT_TRUE(talk.contains("below /root/data, /root/config and /mmc")) << talk.constData();
+    for (const char* root : {"/root/data", "/root/data/*"}) {
+        EXPECT_EQ(run({"ls", root}), 7);
+        EXPECT_TRUE(talk.contains("for example /root/data/NAME")) << talk.constData();
+    }
 }
 
 TEST_F(ListCommandTest, ManyEntriesComeInOrder) {

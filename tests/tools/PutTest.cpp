@@ -138,6 +138,28 @@ TEST_F(PutTest, AFullUnitEndsInFailureAfterTheRetries) {
     };
     EXPECT_EQ(putFile({"--retries", "2"}), 1);
     EXPECT_EQ(daemon.count(MESSAGE_FILE_OPEN), 3);
+    EXPECT_TRUE(talk.contains("its disk may be full")) << talk.constData();
+    EXPECT_FALSE(talk.contains("are kept")) << talk.constData();
+}
+
+TEST_F(PutTest, AFullUnitIsLeftWithoutOpenHandles) {
+    writeLocal("file", someBytes(100'000));
+    daemon.fate = [](const Message& request) {
+        return request.command() == MESSAGE_FILE_WRITE ? Fate::Bare : Fate::Answered;
+    };
+    EXPECT_EQ(putFile(), 1);
+    EXPECT_EQ(daemon.count(MESSAGE_FILE_CLOSE), daemon.count(MESSAGE_FILE_OPEN));
+}
+
+TEST_F(PutTest, ANameTooLongForItsPartialFileIsToldSo) {
+    writeLocal("file", "data");
+    daemon.files["/root/data/a/other"] = {};
+    daemon.fate = [](const Message& request) {
+        return request.command() == MESSAGE_FILE_OPEN ? Fate::Bare : Fate::Answered;
+    };
+    const std::string name(251, 'x');
+    EXPECT_EQ(run({"put", local("file").toStdString(), "/root/data/a/" + name}), 1);
+    EXPECT_TRUE(talk.contains("too long")) << talk.constData();
 }
 
 TEST_F(PutTest, ALocalFileThatChangesMeanwhileIsNotPutInPlace) {

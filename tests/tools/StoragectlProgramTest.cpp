@@ -2,6 +2,12 @@
 
 #include <gtest/gtest.h>
 #include <QElapsedTimer>
+#include <QTemporaryDir>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <filesystem>
 
 namespace {
 
@@ -57,6 +63,12 @@ TEST(StoragectlProgramTest, WrongUsageEndsInTwo) {
     }
 }
 
+TEST(StoragectlProgramTest, WrongUsageNamesWhatIsWrong) {
+    EXPECT_NE(runProgram({"nonsense"}).log.find("nonsense"), std::string::npos);
+    EXPECT_NE(runProgram({}).log.find("A command is required"), std::string::npos);
+    EXPECT_EQ(runProgram({"rm"}).log.substr(0, 12), "storagectl: ");
+}
+
 TEST(StoragectlProgramTest, HelpEndsInZeroAndTellsTheExitCodes) {
     const ProgramRun run = runProgram({"--help"});
     EXPECT_EQ(run.status, 0);
@@ -71,6 +83,36 @@ TEST(StoragectlProgramTest, UnusableBusSettingsEndInSeventyEightAndAreNamed) {
         EXPECT_EQ(run.status, 78);
         EXPECT_NE(run.log.find("SCADA_BUS_URL"), std::string::npos) << run.log;
     }
+}
+
+TEST(StoragectlProgramTest, ClosedStandardDescriptorsAreNotTakenByTheConnection) {
+    // A broker that never answers holds the program for half a second.
+    const QTemporaryDir folder;
+    const std::string path = folder.filePath("bus").toStdString();
+    sockaddr_un address = {AF_UNIX, {}};
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const int broker = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(bind(broker, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(broker, 1), 0);
+
+    ChildProcess program;
+    ChildProcess::Options options;
+    options.command = {"/bin/sh", "-c", "exec " STORAGECTL_PROGRAM " ping <&- >&- 2>&-"};
+    options.environment = {{"SCADA_BUS_URL", "mqtt+unix://" + path}};
+    program.start(options);
+    const std::string descriptors = "/proc/" + std::to_string(program.pid()) + "/fd/";
+    int occupied = 0;
+    while (occupied < 3 && !program.waitForExit(1)) {
+        occupied = 0;
+        for (const char* descriptor : {"0", "1", "2"}) {
+            std::error_code error;
+            const auto file = std::filesystem::read_symlink(descriptors + descriptor, error);
+            occupied += file == "/dev/null" ? 1 : 0;
+        }
+    }
+    EXPECT_EQ(occupied, 3);
+    EXPECT_EQ(program.waitForExit(10'000), 10);
+    close(broker);
 }
 
 TEST(StoragectlProgramTest, JsonErrorsAreObjects) {

@@ -61,12 +61,14 @@ void report(Output& output, const RoundTrips& trips) {
                    {"average", trips.average()},
                    {"maximum", trips.maximum}});
     if (trips.sent > 1) {
-        output.talk(QString("%1 sent, %2 answered, round trip min/avg/max %3/%4/%5 ms")
-                        .arg(trips.sent)
-                        .arg(trips.received)
+        QString text = QString("%1 sent, %2 answered").arg(trips.sent).arg(trips.received);
+        if (trips.received > 0) {
+            text += QString(", round trip min/avg/max %1/%2/%3 ms")
                         .arg(trips.minimum, 0, 'f', 3)
                         .arg(trips.average(), 0, 'f', 3)
-                        .arg(trips.maximum, 0, 'f', 3));
+                        .arg(trips.maximum, 0, 'f', 3);
+        }
+        output.talk(text);
     }
 }
 

@@ -87,7 +87,11 @@ Outcome checkMove(Context& context, const QByteArray& from, const QByteArray& to
     if (source.kind == Kind::Missing || source.kind == Kind::OutsideRoots) {
         return context.files.explain(from, "move");
     }
-    if (target.kind == Kind::Directory || target.kind == Kind::OutsideRoots) {
+    if (target.kind == Kind::Directory) {
+        return Outcome::failure(ExitCode::Failed,
+                                text(to) + ": is a directory; name the file that is to be in it");
+    }
+    if (target.kind == Kind::OutsideRoots) {
         return context.files.explain(to, "replace");
     }
     return Outcome::done();
@@ -100,8 +104,11 @@ Outcome moveOne(Context& context, const QByteArray& from, const QByteArray& to) 
     }
     const Answer answer = context.files.move(from, to);
     if (answer == Answer::Refused) {
-        return Outcome::failure(ExitCode::Failed,
-                                text(from) + ": the daemon could not move it to " + text(to));
+        const Outcome reason = context.files.explain(directoryOf(to), "write to");
+        return reason.code == ExitCode::NotFound
+                   ? reason
+                   : Outcome::failure(ExitCode::Failed,
+                                      text(from) + ": the daemon could not move it to " + text(to));
     }
     return isLost(answer) ? checkMoved(context, from, to, answer) : outcomeOf(answer, text(from));
 }

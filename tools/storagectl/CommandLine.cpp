@@ -55,8 +55,13 @@ void addGlobalOptions(CLI::App& app, Options& options) {
                    "get, put, cat: attempts after a break that may bring no progress")
         ->check(CLI::Range(0, 1'000'000))
         ->capture_default_str();
-    app.require_subcommand(1);
+    // Asked for after the parse: CLI11 would report an unknown command as a missing one.
+    app.require_subcommand(0, 1);
     app.fallthrough();
+    app.failure_message([](const CLI::App*, const CLI::Error& fault) {
+        return std::string("storagectl: ") + fault.what() +
+               "\nRun storagectl --help, or storagectl COMMAND --help.\n";
+    });
     app.footer(kFooter);
 }
 
@@ -146,6 +151,9 @@ std::optional<ExitCode> parseCommandLine(int argc, const char* const* argv, Opti
         addBusCommands(app, options);
         try {
             app.parse(argc, argv);
+            if (app.get_subcommands().empty()) {
+                throw CLI::RequiredError("A command");
+            }
         } catch (const CLI::ParseError& fault) {
             const bool isHelp = fault.get_exit_code() == 0;
             if (!isHelp && asksForJson(argc, argv)) {

@@ -1,5 +1,8 @@
 #include "tools/storagectl/FileService.h"
 
+#include "core/shared/StoragePaths.h"
+
+#include <QDir>
 #include <QStringDecoder>
 
 namespace storagectl {
@@ -37,6 +40,20 @@ QByteArray filterFor(QByteArray name) {
         name.replace(special, '?');
     }
     return name;
+}
+
+/// Why a path outside the roots is refused, and what to name instead.
+QString outsideRootsText(const QString& path) {
+    using namespace StoragePaths;
+    const QString cleaned = QDir::cleanPath(path);
+    if (cleaned == QLatin1String(kDataRoot) || cleaned == QLatin1String(kConfigRoot)) {
+        return QString(
+                   "%1: the daemon serves only what lies below this folder; name that, for "
+                   "example %2/NAME")
+            .arg(path, cleaned);
+    }
+    return QString("%1: refused by the daemon: it serves only what lies below %2, %3 and %4")
+        .arg(path, kDataRoot, kConfigRoot, kCardRoot);
 }
 
 QByteArray withoutTrailingSlashes(QByteArray path) {
@@ -227,11 +244,7 @@ Outcome FileService::explain(const QByteArray& path, const QString& verb) {
         case Entry::Kind::Missing:
             return Outcome::failure(ExitCode::NotFound, text(path) + ": not found");
         case Entry::Kind::OutsideRoots:
-            return Outcome::failure(
-                ExitCode::Unsafe,
-                text(path) +
-                    ": refused by the daemon: it serves only what lies below its data, "
-                    "configuration and card folders, not the first two themselves");
+            return Outcome::failure(ExitCode::Unsafe, outsideRootsText(text(path)));
         case Entry::Kind::Directory:
             return Outcome::failure(ExitCode::Failed, text(path) + ": is a directory");
         case Entry::Kind::File:

@@ -27,6 +27,8 @@ void Interrupt::install() {
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
+    // A write beyond the limit on file sizes fails like one to a full disk.
+    std::signal(SIGXFSZ, SIG_IGN);
 }
 
 bool Interrupt::requested() {

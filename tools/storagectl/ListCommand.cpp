@@ -56,13 +56,15 @@ void show(Context& context, const QByteArray& directory, const Entry& entry) {
 }
 
 /// Lists what a filter matches. `shownEntries` counts them.
-Answer listMatching(Context& context, const QByteArray& directory, const QByteArray& filter,
-                    int& shownEntries) {
-    return context.files.list(directory, filter, [&](const Entry& entry) {
+Outcome listMatching(Context& context, const QByteArray& directory, const QByteArray& filter,
+                     int& shownEntries) {
+    const Answer answer = context.files.list(directory, filter, [&](const Entry& entry) {
         show(context, directory, entry);
         ++shownEntries;
         return !context.output.isClosed();
     });
+    return answer == Answer::Refused ? context.files.explain(directory, "list")
+                                     : outcomeOf(answer, text(directory));
 }
 
 bool isWildcard(const QByteArray& name) {
@@ -85,29 +87,34 @@ Outcome listWithoutEntries(Context& context, const QByteArray& path) {
     return Outcome::done();
 }
 
+Outcome listLiterally(Context& context, const QByteArray& path) {
+    int shownEntries = 0;
+    const Outcome outcome = listMatching(context, path, "*", shownEntries);
+    return outcome.isDone() && shownEntries == 0 ? listWithoutEntries(context, path) : outcome;
+}
+
 Outcome listOne(Context& context, const QByteArray& path) {
-    const QByteArray& pattern = context.options.pattern;
-    const bool byWildcard = pattern.isEmpty() && isWildcard(baseNameOf(path));
-    const QByteArray directory = byWildcard ? directoryOf(path) : path;
-    const QByteArray filter = byWildcard ? baseNameOf(path) : pattern.isEmpty() ? "*" : pattern;
     if (context.options.paths.size() > 1) {
         context.output.line(text(path) + ':');
     }
+    const QByteArray& pattern = context.options.pattern;
+    const bool byWildcard = pattern.isEmpty() && isWildcard(baseNameOf(path));
+    if (pattern.isEmpty() && !byWildcard) {
+        return listLiterally(context, path);
+    }
     int shownEntries = 0;
-    const Answer answer = listMatching(context, directory, filter, shownEntries);
-    if (answer == Answer::Refused) {
-        return context.files.explain(directory, "list");
+    Outcome outcome = listMatching(context, byWildcard ? directoryOf(path) : path,
+                                   byWildcard ? baseNameOf(path) : pattern, shownEntries);
+    if (!outcome.isDone() || shownEntries > 0) {
+        return outcome;
     }
-    if (answer != Answer::Success) {
-        return outcomeOf(answer, text(path));
+    if (byWildcard) {
+        // "a[1]" matches "a1" and not itself.
+        outcome = listLiterally(context, path);
     }
-    if (shownEntries > 0) {
-        return Outcome::done();
-    }
-    if (byWildcard || !pattern.isEmpty()) {
-        return Outcome::failure(ExitCode::NotFound, text(path) + ": no name matches");
-    }
-    return listWithoutEntries(context, path);
+    return outcome.code == ExitCode::NotFound || !byWildcard
+               ? Outcome::failure(ExitCode::NotFound, text(path) + ": no name matches")
+               : outcome;
 }
 
 }  // namespace

@@ -71,7 +71,7 @@ Outcome PartialFile::open(PieceDigests& present) {
 Outcome PartialFile::checkTarget() const {
     struct stat status = {};
     const bool exists = ::lstat(_target.constData(), &status) == 0;
-    if (exists && !S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) {
+    if (exists && !S_ISREG(status.st_mode)) {
         return Outcome::failure(ExitCode::Unsafe,
                                 text(_target) + ": not a regular file, left alone");
     }

@@ -121,16 +121,23 @@ void reportFetched(Context& context, const Fetched& fetched, const Download& dow
                                 download.resumedFrom(), fetched.milliseconds));
     if (modified < 0) {
         context.output.talk(text(fetched.path) +
-                            ": its modification time cannot be asked: the daemon does not list "
-                            "the directory that holds it");
+                            ": its modification time cannot be asked, the daemon does not list it");
     }
 }
 
-Outcome getOne(Context& context, const QByteArray& path) {
+/// `taken` holds the targets of the command so far: files of many folders have one name.
+Outcome getOne(Context& context, const QByteArray& path, QByteArrayList& taken) {
     const QByteArray target = localTargetFor(context.options.localTarget, path);
     if (target.isEmpty()) {
         return Outcome::failure(ExitCode::Unsafe, text(path) + ": has no name to be stored under");
     }
+    if (taken.contains(target)) {
+        return Outcome::failure(ExitCode::Unsafe,
+                                QString("%1: would replace %2, which this command has just "
+                                        "fetched; use a directory for each")
+                                    .arg(text(path), text(target)));
+    }
+    taken.append(target);
     FileService::Entry entry;
     Outcome outcome = lookUpFile(context, path, entry);
     PartialFile partial(target);
@@ -229,8 +236,9 @@ ExitCode get(Context& context) {
         context.output.error(outcome);
         return outcome.code;
     }
+    QByteArrayList taken;
     return forEachFile(context,
-                       [&context](const QByteArray& path) { return getOne(context, path); });
+                       [&](const QByteArray& path) { return getOne(context, path, taken); });
 }
 
 ExitCode cat(Context& context) {

@@ -2,6 +2,13 @@
 
 namespace storagectl {
 
+namespace {
+
+// What Linux file systems allow.
+constexpr qsizetype kLongestNameBytes = 255;
+
+}  // namespace
+
 Upload::Upload(const TransferTools& tools, LocalSource& source, const QByteArray& path,
                PieceDigests& digests)
     : Transfer(tools, path, digests), _source(source) {}
@@ -37,9 +44,13 @@ Outcome Upload::openPartial(FileService::OpenFile& file) {
     const QByteArray directory = directoryOf(_path);
     const Outcome reason = _tools.files.explain(directory, "create a file in");
     const bool isDirectory = reason.code == ExitCode::Failed;
-    return isDirectory ? Outcome::failure(ExitCode::Failed,
-                                          text(partialPath()) + ": the daemon could not create it")
-                       : reason;
+    if (!isDirectory) {
+        return reason;
+    }
+    const bool isTooLong = baseNameOf(partialPath()).size() > kLongestNameBytes;
+    return Outcome::failure(ExitCode::Failed,
+                            text(partialPath()) + (isTooLong ? ": this name is too long for a file"
+                                                             : ": the daemon could not create it"));
 }
 
 Outcome Upload::takeUp(const FileService::OpenFile& file) {
@@ -57,33 +68,41 @@ Outcome Upload::takeUp(const FileService::OpenFile& file) {
         _digests.clear();
         outcome = outcomeOf(_tools.files.truncate(file, 0), text(partialPath()));
     }
-    if (outcome.isDone() && _resumedFrom < 0) {
-        _resumedFrom = _digests.length();
+    if (outcome.isDone()) {
+        _confirmed = _digests.length();
+        _resumedFrom = _resumedFrom < 0 ? _confirmed : _resumedFrom;
     }
     return outcome;
 }
 
 Outcome Upload::send(const FileService::OpenFile& file) {
     Connection& connection = _tools.files.connection();
-    qint64 confirmed = _digests.length();
-    _tools.progress.begin("sent", confirmed, _source.size());
-    while (confirmed < _source.size()) {
+    _tools.progress.begin("sent", _confirmed, _source.size());
+    while (_confirmed < _source.size()) {
         Outcome outcome = postChunks(file);
         if (!outcome.isDone()) {
             return outcome;
         }
         Connection::Answered answered;
-        outcome = outcomeOf(connection.next(answered), text(partialPath()));
-        if (!outcome.isDone()) {
-            return outcome;
+        const Answer answer = connection.next(answered);
+        if (answer == Answer::Refused) {
+            // A handle left open would hold the space of a file that is deleted to make room.
+            _tools.files.close(file);
+            return {
+                ExitCode::Failed,
+                text(partialPath()) + ": the daemon could not write to it (its disk may be full)",
+                true};
+        }
+        if (answer != Answer::Success) {
+            return outcomeOf(answer, text(partialPath()));
         }
         int sent = 0;
         answered.request.parameterAsBLOB(2, sent);
         if (answered.reply.parameterAsInt32(1) != sent) {
             return outcomeOf(Answer::Unfit, text(partialPath()));
         }
-        confirmed += sent;
-        _tools.progress.update(confirmed);
+        _confirmed += sent;
+        _tools.progress.update(_confirmed);
     }
     return Outcome::done();
 }

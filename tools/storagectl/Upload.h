@@ -16,7 +16,7 @@ public:
            PieceDigests& digests);
 
     QByteArray partialPath() const { return _path + ".part"; }
-    qint64 bytesPresent() const { return _digests.length(); }
+    qint64 bytesPresent() const { return _confirmed; }
     qint64 resumedFrom() const { return _resumedFrom; }
 
 protected:
@@ -34,6 +34,8 @@ private:
 
     LocalSource& _source;
     qint64 _resumedFrom = -1;
+    /// Bytes that the unit is known to hold; `_digests` is ahead by what is under way.
+    qint64 _confirmed = 0;
 };
 
 }  // namespace storagectl

@@ -3,7 +3,25 @@
 #include "tools/storagectl/Commands.h"
 #include "tools/storagectl/Interrupt.h"
 
+#include <fcntl.h>
 #include <unistd.h>
+
+namespace {
+
+/// Standard descriptors that the caller closed would be given to the connection, and data and
+/// talk written into it. Opened for reading only, they fail to be written as closed ones do.
+/// Before all static objects, which open descriptors too.
+[[gnu::constructor(101)]] void occupyClosedDescriptors() {
+    int descriptor = 0;
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO) {
+        descriptor = open("/dev/null", O_RDONLY);
+    }
+    if (descriptor >= 0) {
+        close(descriptor);
+    }
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
     storagectl::Options options;
