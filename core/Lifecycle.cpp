@@ -16,9 +16,11 @@
 #include "filesystem/Filesystem.h"
 #include "jobs/RemoteJobManager.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <utility>
 
+#include <sys/resource.h>
 #include <sysexits.h>
 #include <unistd.h>
 
@@ -27,9 +29,20 @@ namespace {
 constexpr int kBusBufferBytes = 65536;
 constexpr int kSubscriptionMilliseconds = 500;
 constexpr int kNiceValue = 5;
+constexpr rlim_t kDescriptors = Filesystem::kMaximumOpenHandles + 1024;
 
 quint32 jobActivity() {
     return g_remoteManager->lastActivity();
+}
+
+/// The usual limit of 1,024 would be used up by one client's handles, and leave none for the bus.
+void raiseDescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= kDescriptors) {
+        return;
+    }
+    limit.rlim_cur = std::min<rlim_t>(kDescriptors, limit.rlim_max);
+    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 template <typename Service>
@@ -77,6 +90,7 @@ void Lifecycle::renewFileService() {
 
 int Lifecycle::start() {
     installSignalHandlers();
+    raiseDescriptorLimit();
     g_quit = false;
     g_runState = {};
     std::snprintf(g_szOurPubSubToken, sizeof g_szOurPubSubToken, Tokens::kOwnRepliesFormat,

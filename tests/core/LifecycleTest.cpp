@@ -25,6 +25,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
 
 namespace {
@@ -256,6 +257,21 @@ TEST_F(LifecycleTest, ItRunsWithNiceValue5AndIdleIOPriority) {
     });
     EXPECT_EQ(niceValue, 5);
     EXPECT_EQ(ioClass, 3);
+}
+
+TEST_F(LifecycleTest, ItsDescriptorsSufficeForEveryHandle) {
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit usual{1024, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &usual);
+    rlimit inside{};
+    run([&] {
+        getrlimit(RLIMIT_NOFILE, &inside);
+        quit();
+    });
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(inside.rlim_cur, std::min<rlim_t>(5120, before.rlim_max));
+    EXPECT_EQ(inside.rlim_max, before.rlim_max);
 }
 
 TEST_F(LifecycleTest, UndispatchedMessagesAreFreed) {
