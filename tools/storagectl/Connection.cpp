@@ -8,6 +8,7 @@
 #include <QRandomGenerator>
 #include <QtEndian>
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 #include <utility>
@@ -20,6 +21,7 @@ constexpr char kRequests[] = "Message.storage";
 constexpr char kReplies[] = "ConnectionManager.clientMessage";
 constexpr int kFrameBytes = 4;
 constexpr int kBrokerPollMilliseconds = 50;
+constexpr int kLongestWaitMilliseconds = 250;
 
 /// What the full reply to a code looks like, and how many leading numbers it repeats.
 struct ReplyShape {
@@ -121,7 +123,9 @@ Answer Connection::next(Answered& answered, int extraMilliseconds) {
         if (waited >= allowed) {
             return Answer::NoDaemon;
         }
-        _bus.readWaitingMessages(static_cast<int>(allowed - waited));
+        // A wait lasts its whole time though the connection ends in it.
+        _bus.readWaitingMessages(
+            std::min(static_cast<int>(allowed - waited), kLongestWaitMilliseconds));
     }
     answered = std::move(_answered.front());
     _answered.pop_front();
