@@ -184,6 +184,34 @@ TEST_F(GetTest, AFileThatGrewIsFetchedAsItWasAndSaidSo) {
     EXPECT_TRUE(talk.contains("grew to 500004 bytes")) << talk.constData();
 }
 
+TEST_F(GetTest, AFileThatGrewAboveTheWiresSizesIsFetchedAsItWas) {
+    daemon.files[kFile] = {someBytes(500)};
+    daemon.fate = [&](const Message& request) {
+        if (request.command() == MESSAGE_FILE_READ && request.parameterAsInt32(1) == 0) {
+            daemon.pretendedSizes[kFile] = qint64{3} << 30;
+        }
+        return Fate::Answered;
+    };
+    EXPECT_EQ(getFile(), 0);
+    EXPECT_EQ(readLocal("file"), someBytes(500));
+    EXPECT_TRUE(talk.contains("grew to more than 2147483647 bytes")) << talk.constData();
+}
+
+TEST_F(GetTest, APercentSignInANameIsPlain) {
+    constexpr char kPercent[] = "/root/data/a/100%1%2%3";
+    daemon.files[kPercent] = {someBytes(500)};
+    daemon.fate = [&](const Message& request) {
+        const bool isFirstRead =
+            request.command() == MESSAGE_FILE_READ && request.parameterAsInt32(1) == 0;
+        daemon.files[kPercent].contents += isFirstRead ? "more" : "";
+        return Fate::Answered;
+    };
+    EXPECT_EQ(run({"get", kPercent, "-o", local("%1%2%3").toStdString()}), 0);
+    EXPECT_TRUE(talk.contains("/100%1%2%3: grew to 504 bytes meanwhile; fetched as it was, 500 "))
+        << talk.constData();
+    EXPECT_TRUE(talk.contains("/%1%2%3, 500 bytes in ")) << talk.constData();
+}
+
 TEST_F(GetTest, AFileThatShrinksIsAnIntegrityFailure) {
     daemon.files[kFile] = {someBytes(500'000)};
     daemon.fate = [&](const Message& request) {

@@ -141,15 +141,15 @@ TEST(ProgressTest, OffATerminalItIsOnePlainLineEveryThirtySeconds) {
     Watched data(false);
     Watched talk(false);
     Output output(data.writer(), talk.writer(), {});
-    Progress progress(output, "file");
+    Progress progress(output, "file%1");
     progress.begin("fetched", 0, 100 * 1024 * 1024);
     for (int second = 1; second <= 70; ++second) {
         clock.advance(1);
         progress.update(second * 1024 * 1024);
     }
     EXPECT_EQ(talk.read(),
-              "storagectl: file: fetched 30.0 MB of 100.0 MB (30 %), 1.0 MB/s, 1:10 left\n"
-              "storagectl: file: fetched 60.0 MB of 100.0 MB (60 %), 1.0 MB/s, 0:40 left\n");
+              "storagectl: file%1: fetched 30.0 MB of 100.0 MB (30 %), 1.0 MB/s, 1:10 left\n"
+              "storagectl: file%1: fetched 60.0 MB of 100.0 MB (60 %), 1.0 MB/s, 0:40 left\n");
 }
 
 TEST(ProgressTest, OnATerminalItIsRedrawnAtMostTenTimesASecondAndErased) {
@@ -169,6 +169,24 @@ TEST(ProgressTest, OnATerminalItIsRedrawnAtMostTenTimesASecondAndErased) {
     EXPECT_EQ(drawn.count("sent"), 10) << drawn.constData();
     EXPECT_TRUE(drawn.endsWith("\r\033[K"));
     EXPECT_FALSE(drawn.contains('\n'));
+}
+
+TEST(ProgressTest, OnATerminalThatDataGoesToItErasesNoData) {
+    FakeClock clock;
+    Watched terminal(true);
+    Output output(terminal.writer(), terminal.writer(), {});
+    {
+        Progress progress(output, "file");
+        progress.begin("fetched", 0, 1000);
+        clock.advance(1);
+        progress.update(1);
+        output.data("half a line");
+        clock.advance(1);
+        progress.update(500);
+    }
+    const QByteArray drawn = terminal.read();
+    EXPECT_EQ(drawn.count("fetched"), 1) << "before the data came";
+    EXPECT_TRUE(drawn.endsWith("\r\033[Khalf a line")) << drawn.constData();
 }
 
 TEST(TallyTest, AddsUpToTheExitCode) {

@@ -62,14 +62,12 @@ ExitCode couldNotJoin(Output& output, Outcome outcome) {
     return outcome.code;
 }
 
-}  // namespace
+ExitCode runSniff(PubSubInterface& bus, const Options& options, Output& output) {
+    const Outcome outcome = sniff(bus, options, output);
+    return outcome.message.isEmpty() ? outcome.code : couldNotJoin(output, outcome);
+}
 
-ExitCode runCommand(PubSubInterface& bus, const Options& options, Output& output) {
-    const LogAsTalk logAsTalk(output);
-    if (options.command == Command::Sniff) {
-        const Outcome outcome = sniff(bus, options, output);
-        return outcome.message.isEmpty() ? outcome.code : couldNotJoin(output, outcome);
-    }
+ExitCode runClient(PubSubInterface& bus, const Options& options, Output& output) {
     Connection connection(bus, options.timeoutSeconds * 1000);
     const Outcome joined = connection.join();
     if (!joined.isDone()) {
@@ -77,7 +75,16 @@ ExitCode runCommand(PubSubInterface& bus, const Options& options, Output& output
     }
     FileService files(connection);
     Context context{options, output, files};
-    const ExitCode code = dispatch(context);
+    return dispatch(context);
+}
+
+}  // namespace
+
+ExitCode runCommand(PubSubInterface& bus, const Options& options, Output& output) {
+    const LogAsTalk logAsTalk(output);
+    const bool isSniff = options.command == Command::Sniff;
+    const ExitCode code =
+        isSniff ? runSniff(bus, options, output) : runClient(bus, options, output);
     output.flush();
     const Outcome written = output.dataOutcome();
     if (!written.isDone()) {

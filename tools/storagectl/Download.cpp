@@ -35,11 +35,11 @@ Outcome Download::takeUp(const FileService::OpenFile& file) {
     if (_size < 0) {
         _size = file.size;
     } else if (file.size < _size) {
-        return Outcome::failure(ExitCode::Integrity,
-                                QString("%1: became shorter while it was read: %2 bytes, now %3")
-                                    .arg(text(_path))
-                                    .arg(_size)
-                                    .arg(file.size));
+        return Outcome::failure(
+            ExitCode::Integrity,
+            text(_path) + QString(": became shorter while it was read: %1 bytes, now %2")
+                              .arg(_size)
+                              .arg(file.size));
     }
     Outcome outcome;
     bool proved = true;

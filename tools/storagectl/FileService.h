@@ -41,7 +41,7 @@ public:
 
     /// `file` is valid with Success only. A failed open is Refused.
     Answer open(const QByteArray& path, OpenFlags flags, OpenFile& file);
-    /// Does not wait for the answer to come; a handle also closes itself after 30 idle seconds.
+    /// Waits for the answer, whatever it is: a handle also closes itself after 30 idle seconds.
     void close(const OpenFile& file);
     Answer truncate(const OpenFile& file, qint64 size);
     Answer hash(const OpenFile& file, qint64 offset, qint64 length, QByteArray& digest);

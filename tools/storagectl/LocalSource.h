@@ -17,7 +17,7 @@ public:
     LocalSource(const LocalSource&) = delete;
     LocalSource& operator=(const LocalSource&) = delete;
 
-    /// LocalFile where it cannot be read, Unsafe where it is no regular file or too large.
+    /// LocalFile where it cannot be read or is no regular file, Unsafe where it is too large.
     Outcome open(const QByteArray& path);
     qint64 size() const { return _size; }
     const QByteArray& path() const { return _path; }

@@ -60,6 +60,10 @@ void Output::object(const QJsonObject& object) {
 
 void Output::flush() {
     if (!_buffered.isEmpty() && !_isClosed) {
+        if (_dataToTerminal) {
+            status({});
+            _terminalHoldsData = true;
+        }
         _dataErrno = writeAll(_data, _buffered);
         _isClosed = _dataErrno != 0;
     }
@@ -99,7 +103,8 @@ void Output::error(const Outcome& outcome, const QString& subject) {
 }
 
 void Output::status(const QString& text) {
-    if (!_talksToTerminal || (text.isEmpty() && !_statusShown)) {
+    // Redrawing would erase a line of data that is not complete.
+    if (!_talksToTerminal || _terminalHoldsData || (text.isEmpty() && !_statusShown)) {
         return;
     }
     _statusShown = !text.isEmpty();

@@ -47,7 +47,8 @@ public:
     /// Says why a command failed; `subject` names the file concerned, if any.
     void error(const Outcome& outcome, const QString& subject = {});
 
-    /// Redraws the status line of a terminal; an empty text removes it.
+    /// Redraws the status line of a terminal; an empty text removes it. None is drawn once data
+    /// has gone to a terminal.
     void status(const QString& text);
 
     /// A name from the wire as one component: "/" is escaped, and on a terminal control
@@ -70,6 +71,7 @@ private:
     bool _isClosed = false;
     int _dataErrno = 0;
     bool _statusShown = false;
+    bool _terminalHoldsData = false;
     QByteArray _buffered;
 };
 

@@ -53,8 +53,9 @@ void Progress::update(qint64 done) {
 QString Progress::describe(qint64 done, quint32 now) const {
     const qint64 elapsed = qMax<qint64>(1, now - _begun);
     const qint64 bytesASecond = (done - _from) * 1000 / elapsed;
-    QString text = QString("%1: %2 %3 of %4 (%5 %), %6/s")
-                       .arg(_name, _what, humanSize(done), humanSize(_total))
+    QString text = _name + ": " + _what +
+                   QString(" %1 of %2 (%3 %), %4/s")
+                       .arg(humanSize(done), humanSize(_total))
                        .arg(_total > 0 ? done * 100 / _total : 100)
                        .arg(humanSize(bytesASecond));
     if (bytesASecond > 0) {

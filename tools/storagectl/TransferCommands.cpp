@@ -42,7 +42,7 @@ private:
 
 QString summary(const QString& what, qint64 size, qint64 resumedFrom, qint64 milliseconds) {
     const double seconds = static_cast<double>(milliseconds) / 1000;
-    QString line = QString("%1, %2 bytes in %3 s").arg(what).arg(size).arg(seconds, 0, 'f', 2);
+    QString line = what + QString(", %1 bytes in %2 s").arg(size).arg(seconds, 0, 'f', 2);
     if (milliseconds >= kRatedMilliseconds) {
         line += QString(" (%1/s)").arg(humanSize((size - resumedFrom) * 1000 / milliseconds));
     }
@@ -102,9 +102,11 @@ void reportFetched(Context& context, const Fetched& fetched, const Download& dow
                          now.kind == FileService::Entry::Kind::File;
     const bool grew = isKnown && (now.tooLarge || now.size > download.size());
     if (grew) {
-        context.output.talk(QString("%1: grew to %2 bytes meanwhile; fetched as it was, %3 bytes")
-                                .arg(text(fetched.path))
-                                .arg(now.size)
+        const QString size =
+            now.tooLarge ? QString("more than 2147483647") : QString::number(now.size);
+        context.output.talk(text(fetched.path) +
+                            QString(": grew to %1 bytes meanwhile; fetched as it was, %2 bytes")
+                                .arg(size)
                                 .arg(download.size()));
     }
     const qint64 modified = fetched.modified;
