@@ -169,10 +169,11 @@ void PubSubInterface::noteStateChange() {
 
 void PubSubInterface::noteConnected() {
     _reconnect.connected(Clock::ticks());
-    _outageLogged = false;
-    if (!_isChild) {
+    // That a child opens its connection goes without saying, but not that it has it again.
+    if (!_isChild || _outageLogged) {
         DebugText::send(kLogTarget, "connected to %s", _url.c_str());
     }
+    _outageLogged = false;
     if (_listens) {
         subscribeWanted();
     }

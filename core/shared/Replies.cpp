@@ -39,7 +39,12 @@ void sendMessageToConnection(int connection, Message* message) {
     }
     qToLittleEndian<qint32>(connection, frame);
     std::memcpy(frame + kConnectionBytes, message->buffer(), length);
-    g_pubSubInterface->sendToken(Tokens::kClientMessage, frame, static_cast<int>(total));
+    const bool sent =
+        g_pubSubInterface->sendToken(Tokens::kClientMessage, frame, static_cast<int>(total));
+    // Over a standing connection only a reply too large for the bus fails; its client waits.
+    if (!sent && total > kStackFrameBytes && g_pubSubInterface->isConnected()) {
+        sendMessageToConnection(connection, message->command());
+    }
 }
 
 void sendMessageToConnection(int connection, int command) {

@@ -12,7 +12,8 @@ extern char g_szOurPubSubToken[128];
 void sendMessage(Message& message);
 
 /// Sends to one remote connection: its id in 4 bytes, then the message, on
-/// "ConnectionManager.clientMessage". The caller keeps the message.
+/// "ConnectionManager.clientMessage". The caller keeps the message. One that is too large for the
+/// bus is logged and becomes a bare reply.
 void sendMessageToConnection(int connection, Message* message);
 
 /// A bare reply: the command and no parameters.

@@ -1,4 +1,8 @@
+#include "bus/ForkedChild.h"
 #include "tests/bus/PubSubFixture.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -125,6 +129,25 @@ TEST_F(PubSubOutageTest, EachChangeOfStateIsOneLogLine) {
         bus->readWaitingMessages(25'000);
         EXPECT_EQ(log.lines().size(), 2);
     }
+}
+
+TEST_F(PubSubOutageTest, AChildThatLosesTheBrokerSaysSoAndThatItIsBack) {
+    ASSERT_TRUE(join());
+    log.clear();
+    const pid_t child = ForkedChild::start();
+    if (child == 0) {
+        const bool quiet = bus->rejoin() && log.lines().isEmpty();
+        loseBroker();
+        bus->readWaitingMessages(25'000);
+        const bool lost = log.lines().size() == 1;
+        bringBackBroker();
+        bus->readWaitingMessages(25'000);
+        const bool back = log.lines().size() == 2 && log.lines().last().contains("connected to");
+        _exit(quiet && lost && back ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(PubSubOutageTest, EachLostConnectionIsCounted) {

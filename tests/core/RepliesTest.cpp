@@ -1,6 +1,8 @@
 #include "core/shared/Replies.h"
 
 #include "tests/support/FakeBus.h"
+#include "tests/support/FakeClock.h"
+#include "tests/support/LogCapture.h"
 
 #include <gtest/gtest.h>
 
@@ -71,6 +73,38 @@ TEST(Replies, TheCallerKeepsTheMessage) {
     const QByteArray before(message.buffer(), message.length());
     sendMessageToConnection(7, &message);
     EXPECT_EQ(QByteArray(message.buffer(), message.length()), before);
+}
+
+TEST(Replies, AReplyTooLargeForTheBusIsLoggedAndBecomesABareReply) {
+    FakeBus bus;
+    const LogCapture log;
+    Message message;
+    {
+        const QByteArray block(256 * 1024 * 1024, '\0');
+        message.construct(0x1402, "B", static_cast<int>(block.size()), block.constData());
+    }
+    sendMessageToConnection(7, &message);
+    EXPECT_EQ(log.lines().size(), 1);
+    ASSERT_EQ(bus.transport().sent.size(), 1);
+    // Connection 7, command 0x1402, format "".
+    EXPECT_EQ(bus.transport().sent.first().payload, QByteArray::fromHex("07000000 02140000 00"));
+}
+
+TEST(Replies, AReplyThatABrokersLossDropsIsNotFollowedByABareOne) {
+    FakeClock clock;
+    FakeBus bus;
+    clock.advance(60);
+    bus.transport().brokerReads = false;
+    Message message = messageOfLength(2 * 1024 * 1024);
+    sendMessageToConnection(7, &message);
+    bus.transport().onWrite = [&](int) { bus.transport().setBrokerPresent(false); };
+    sendMessageToConnection(7, &message);
+    EXPECT_EQ(bus.transport().sent.size(), 1);
+    bus.transport().setBrokerPresent(true);
+    const LogCapture log;
+    bus.bus().readWaitingMessages(0);
+    EXPECT_TRUE(
+        log.contains("PubSubInterface: 1 messages were dropped while there was no connection"));
 }
 
 TEST(Replies, WithoutABusNothingHappens) {
