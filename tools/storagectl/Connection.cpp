@@ -181,7 +181,7 @@ void Connection::take(const PubSubMessage& delivery) {
         return;
     }
     _hasAnswered = true;
-    _answered.push_back({answer, std::move(_underWay[index]), reply});
+    _answered.push_back({answer, _underWay[index], reply});
     _underWay.erase(_underWay.begin() + index);
 }
 
