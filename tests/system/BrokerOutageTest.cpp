@@ -12,6 +12,25 @@ protected:
     /// What the system holds of requests on their way (some 270) asks for far more of these than
     /// the daemon may keep.
     static constexpr int kBlock = 64 * 1024;
+    static constexpr int kReads = 600;
+
+    /// Leaves the daemon with kReads reads, each from a connection of its own, to answer to a
+    /// broker that is stopped.
+    void stopTheBrokerUnderLoad() {
+        writeFile("/root/data/a", std::string(kBlock, 'a'));
+        ASSERT_NO_FATAL_FAILURE(startBoth());
+        _handle = open("/root/data/a", kReadOnly);
+        settle();
+        _residentBefore = _daemon.residentBytes();
+        _daemon.pause();
+        for (int i = 0; i < kReads; ++i) {
+            sendFrom(i, requests::read(_handle, 0, kBlock).encoded());
+        }
+        ASSERT_TRUE(_client.flush(2000));
+        _client.pump(300);
+        _broker.pause();
+        _daemon.resume();
+    }
 
     /// Starts the broker again; the daemon must be heard within a second of it.
     void expectBackWithinASecond() {
@@ -22,6 +41,9 @@ protected:
             std::chrono::duration_cast<milliseconds>(steady_clock::now() - start).count();
         EXPECT_TRUE(answersKeepAlive(1000 - static_cast<int>(spent)));
     }
+
+    int _handle = -1;
+    std::int64_t _residentBefore = 0;
 };
 
 TEST_F(BrokerOutageTest, ItStartsWithoutABrokerAndJoinsWithinASecondOfIt) {
@@ -95,60 +117,34 @@ TEST_F(BrokerOutageTest, ItUsesLittleProcessorWhileTheBrokerIsAway) {
 }
 
 TEST_F(BrokerOutageTest, AStoppedBrokerIsWaitedOutAndNothingIsLost) {
-    writeFile("/root/data/a", std::string(kBlock, 'a'));
-    ASSERT_NO_FATAL_FAILURE(startBoth());
-    const int handle = open("/root/data/a", kReadOnly);
-    settle();
-    const std::int64_t residentBefore = _daemon.residentBytes();
-    constexpr int kRequests = 600;
-    _daemon.pause();
-    for (int i = 0; i < kRequests; ++i) {
-        sendFrom(i, requests::read(handle, 0, kBlock).encoded());
-    }
-    ASSERT_TRUE(_client.flush(2000));
-    _client.pump(300);
-    _broker.pause();
-    _daemon.resume();
+    ASSERT_NO_FATAL_FAILURE(stopTheBrokerUnderLoad());
     const double cpuBefore = _daemon.cpuSeconds();
     _client.pump(4000);
     EXPECT_LT(_daemon.cpuSeconds() - cpuBefore, 0.4);
     EXPECT_TRUE(_daemon.isRunning());
 #ifndef __SANITIZE_ADDRESS__
-    EXPECT_LE(_daemon.residentBytes() - residentBefore, 8 * 1024 * 1024);
+    EXPECT_LE(_daemon.residentBytes() - _residentBefore, 8 * 1024 * 1024);
 #endif
     _broker.resume();
-    ASSERT_TRUE(_client.pumpUntil([&] { return repliesWaiting() == kRequests; }, 10000))
+    ASSERT_TRUE(_client.pumpUntil([&] { return repliesWaiting() == kReads; }, 10000))
         << repliesWaiting();
     const std::vector<Reply> replies = takeReplies();
-    for (int i = 0; i < kRequests; ++i) {
+    for (int i = 0; i < kReads; ++i) {
         ASSERT_EQ(replies[static_cast<std::size_t>(i)].connection, i);
     }
     EXPECT_TRUE(answersKeepAlive(2000));
 }
 
 TEST_F(BrokerOutageTest, ABrokerKilledWithMegabytesUnderWayIsLivedThrough) {
-    writeFile("/root/data/a", std::string(kBlock, 'a'));
-    ASSERT_NO_FATAL_FAILURE(startBoth());
-    const int handle = open("/root/data/a", kReadOnly);
-    settle();
-    const std::int64_t residentBefore = _daemon.residentBytes();
-    constexpr int kRequests = 600;
-    _daemon.pause();
-    for (int i = 0; i < kRequests; ++i) {
-        sendFrom(i, requests::read(handle, 0, kBlock).encoded());
-    }
-    ASSERT_TRUE(_client.flush(2000));
-    _client.pump(300);
-    _broker.pause();
-    _daemon.resume();
+    ASSERT_NO_FATAL_FAILURE(stopTheBrokerUnderLoad());
     _client.pump(1000);
     _broker.kill();
     _client.pump(500);
 #ifndef __SANITIZE_ADDRESS__
-    EXPECT_LE(_daemon.residentBytes() - residentBefore, 8 * 1024 * 1024);
+    EXPECT_LE(_daemon.residentBytes() - _residentBefore, 8 * 1024 * 1024);
 #endif
     expectBackWithinASecond();
-    EXPECT_EQ(ask(requests::read(handle, 0, kBlock)).format, "iiB");
+    EXPECT_EQ(ask(requests::read(_handle, 0, kBlock)).format, "iiB");
 }
 
 TEST_F(BrokerOutageTest, ItWorksAndComesBackWith1100DescriptorsOpen) {
