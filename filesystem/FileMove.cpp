@@ -1,5 +1,6 @@
 #include "filesystem/FileMove.h"
 
+#include "core/shared/PutInPlace.h"
 #include "core/shared/RegularFile.h"
 
 #include <QFile>
@@ -63,15 +64,6 @@ void copyAttributes(const QFile& source, int target) {
     }
 }
 
-bool syncFolder(const QByteArray& folder) {
-    const int descriptor = ::open(folder.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const bool isSynced = descriptor >= 0 && ::fsync(descriptor) == 0;
-    if (descriptor >= 0) {
-        ::close(descriptor);
-    }
-    return isSynced;
-}
-
 bool moveByCopy(const QByteArray& from, const QByteArray& to) {
     QFile source;
     if (!RegularFile::open(source, QFile::decodeName(from), QIODevice::ReadOnly)) {
@@ -85,14 +77,15 @@ bool moveByCopy(const QByteArray& from, const QByteArray& to) {
     }
     bool isWhole = copyContents(source, target);
     copyAttributes(source, target);
-    isWhole = isWhole && ::fsync(target) == 0;
     // The folder is synced as well: the removal lands on another file system, and must not reach
     // its disk before the new name has reached this one.
-    if (::close(target) == 0 && isWhole && ::rename(copy.constData(), to.constData()) == 0) {
-        return syncFolder(folder) && ::unlink(from.constData()) == 0;
+    isWhole = isWhole && putInPlace(target, copy, to);
+    ::close(target);
+    if (!isWhole) {
+        ::unlink(copy.constData());
+        return false;
     }
-    ::unlink(copy.constData());
-    return false;
+    return ::unlink(from.constData()) == 0;
 }
 
 }  // namespace
