@@ -35,7 +35,15 @@ std::unique_lock<QMutex> lockIf(bool threadSafe, QMutex& mutex) {
 
 MemoryCache::MemoryCache(bool threadSafe) : _threadSafe(threadSafe) {}
 
-MemoryCache::~MemoryCache() = default;
+MemoryCache::~MemoryCache() {
+    clearList(_free);
+    clearList(_inUse);
+}
+
+void MemoryCache::clearList(EntryList& list) {
+    const auto lock = lockIf(_threadSafe, _mutex);
+    list.clear();
+}
 
 MemoryCache::EntryPointer MemoryCache::newEntry(int size) {
     const int capacity = capacityFor(size);

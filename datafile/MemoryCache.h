@@ -32,6 +32,7 @@ private:
     using EntryList = std::list<EntryPointer>;
 
     static EntryPointer newEntry(int size);
+    void clearList(EntryList& list);
 
     // Newest first, both.
     EntryList _inUse;
