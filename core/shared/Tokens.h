@@ -12,5 +12,9 @@ inline constexpr char kStorageManager[] = "StorageManager.to";
 inline constexpr char kThumbnailDayFinished[] = "ThumbnailManager.dayFinished";
 
 inline constexpr char kClientMessage[] = "ConnectionManager.clientMessage";
+inline constexpr char kConnectionManager[] = "ConnectionManager.to";
+inline constexpr char kNotificationAdd[] = "Notification.add";
+inline constexpr char kNotificationUpdate[] = "Notification.update";
+inline constexpr char kNotificationDelete[] = "Notification.delete";
 
 }  // namespace Tokens
