@@ -13,6 +13,8 @@ extern "C" void __gcov_dump();
 
 namespace {
 
+constexpr int kNiceValue = 15;
+
 unsigned g_generation = 0;
 
 void becomeChild() {
@@ -37,6 +39,11 @@ pid_t start() {
         bus->leaveSafeToFork();
     }
     return pid;
+}
+
+void yieldToForeground() {
+    PubSubInterface::setProcessPriority(kNiceValue);
+    PubSubInterface::setThreadIOPriority(static_cast<int>(IOPriority::Idle));
 }
 
 void end() {

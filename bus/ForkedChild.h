@@ -11,6 +11,9 @@ namespace ForkedChild {
 /// Returns in two processes: the child's pid in the parent, 0 in the child; -1 where it failed.
 pid_t start();
 
+/// In a child: lets the daemon's foreground work and acquisition go first, on processor and disk.
+void yieldToForeground();
+
 /// Ends a child with _exit(0): no destructors, no exit handlers.
 [[noreturn]] void end();
 

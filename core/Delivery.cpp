@@ -1,7 +1,9 @@
 #include "core/Delivery.h"
 
 #include "bus/DebugText.h"
+#include "bus/ForkedChild.h"
 #include "bus/PubSubInterface.h"
+#include "core/ThumbnailSchedule.h"
 #include "core/shared/MessageQueue.h"
 #include "core/shared/Tokens.h"
 
@@ -43,10 +45,18 @@ void enqueueWithoutParameters(const PubSubMessage& delivery) {
     enqueue(std::move(message));
 }
 
+/// A forked child that listens hears of its parent's days too.
+void handleDayFinished(const PubSubMessage& delivery) {
+    if (ForkedChild::generation() == 0) {
+        ThumbnailSchedule::handleDayFinished(delivery.data, delivery.length);
+    }
+}
+
 void enqueueDelivery(const PubSubMessage& delivery) {
     const QByteArray token = PubSubInterface::instance()->tokenName(delivery.tokenId);
     // It carries a date and no message.
     if (token == Tokens::kThumbnailDayFinished) {
+        handleDayFinished(delivery);
         return;
     }
     if (delivery.tokenId == g_StorageMessageTokenID) {

@@ -4,6 +4,7 @@
 #include "bus/ForkedChild.h"
 #include "core/DaemonCommands.h"
 #include "core/RunState.h"
+#include "core/ThumbnailSchedule.h"
 #include "core/WorkerRole.h"
 #include "core/shared/Replies.h"
 #include "core/shared/Tokens.h"
@@ -29,6 +30,12 @@ bool handleQuit(Message&) {
     return false;
 }
 
+bool handleThumbnailDay(Message& message) {
+    ThumbnailSchedule::request(QString::fromUtf8(message.parameterAsString(0)),
+                               QString::fromUtf8(message.parameterAsString(1)));
+    return true;
+}
+
 bool handleByFileService(Message& message) {
     g_pFilesystem->handleMessage(fileServiceConnection(message), &message);
     return true;
@@ -43,6 +50,7 @@ constexpr Command kCommands[] = {
     {COMMAND_KEEPALIVE, handleKeepalive},
     {COMMAND_QUIT, handleQuit},
     {COMMAND_WRITE_COUNT, handleByFileService},
+    {COMMAND_THUMBNAIL_DAY, handleThumbnailDay},
 };
 
 const Command* findCommand(int code) {

@@ -7,6 +7,7 @@
 #include "core/Dispatch.h"
 #include "core/RunState.h"
 #include "core/Signals.h"
+#include "core/ThumbnailSchedule.h"
 #include "core/UnitLock.h"
 #include "core/shared/MessageQueue.h"
 #include "core/shared/Replies.h"
@@ -15,6 +16,7 @@
 #include "datafile/MemoryCache.h"
 #include "filesystem/Filesystem.h"
 #include "jobs/RemoteJobManager.h"
+#include "thumbnails/ThumbnailManager.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -99,10 +101,12 @@ int Lifecycle::start() {
         return EX_TEMPFAIL;
     }
     g_memoryCache = new MemoryCache(false);
+    g_ThumbnailManager = new ThumbnailManager(nullptr);
     if (!joinBus()) {
         return EX_CONFIG;
     }
     DebugText::send(Tokens::kClientName, "scada-storage-process: starting");
+    ThumbnailSchedule::load();
     createServices();
     PubSubInterface::setProcessPriority(kNiceValue);
     PubSubInterface::setThreadIOPriority(static_cast<int>(IOPriority::Idle));
@@ -141,8 +145,10 @@ void Lifecycle::destroyServices() {
     destroy(g_remoteManager);
     destroy(g_pFilesystem);
     destroy(g_pubSubInterface);
+    destroy(g_ThumbnailManager);
     destroy(g_memoryCache);
     setDrainHooks({});
     dropWaitingMessages();
+    ThumbnailSchedule::forget();
     UnitLock::release();
 }

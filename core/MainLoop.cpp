@@ -5,6 +5,7 @@
 #include "bus/PubSubInterface.h"
 #include "core/DaemonCommands.h"
 #include "core/RunState.h"
+#include "core/ThumbnailSchedule.h"
 #include "core/shared/MessageQueue.h"
 #include "core/shared/Tokens.h"
 #include "filesystem/Filesystem.h"
@@ -61,6 +62,7 @@ bool MainLoop::runPass() {
     }
     g_pFilesystem->expireHandles();
     g_remoteManager->runSlice();
+    ThumbnailSchedule::runStep();
     processWaitingMessages();
     return true;
 }

@@ -4,8 +4,8 @@
 
 #include <QtGlobal>
 
-/// The daemon's one loop: watchdog, idle handles, a slice of every job, and the wait for the bus,
-/// pass by pass. Needs the services that Lifecycle creates.
+/// The daemon's one loop: watchdog, idle handles, a slice of every job, a step of the thumbnail
+/// schedule, and the wait for the bus, pass by pass. Needs the services that Lifecycle creates.
 class MainLoop {
 public:
     /// Takes now as the last second logged.

@@ -2,7 +2,6 @@
 
 #include "bus/Clock.h"
 
-std::atomic<bool> g_quit = false;
 RunState g_runState;
 
 void RunState::noteKeepalive() {

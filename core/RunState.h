@@ -1,11 +1,8 @@
 #pragma once
 
+#include "core/shared/QuitFlag.h"
+
 #include <QtGlobal>
-
-#include <atomic>
-
-/// Set by the quit command and by signals; the main loop ends at its next look.
-extern std::atomic<bool> g_quit;
 
 /// What the run of this process hangs on besides `g_quit`: when the supervisor was last heard and
 /// what the process will return. A forked child goes on with the values that it inherits, so one

@@ -3,6 +3,7 @@
 #include "bus/ForkedChild.h"
 #include "core/DaemonCommands.h"
 #include "core/Lifecycle.h"
+#include "core/ThumbnailSchedule.h"
 #include "core/shared/MessageQueue.h"
 #include "jobs/RemoteJobManager.h"
 
@@ -52,5 +53,6 @@ void WorkerRole::becomeWorker() {
     prctl(PR_SET_PDEATHSIG, SIGUSR1);
     dropJobs();
     Lifecycle::renewFileService();
+    ThumbnailSchedule::forget();
     dropWaitingMessages();
 }

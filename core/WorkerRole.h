@@ -3,10 +3,11 @@
 #include <sys/types.h>
 
 /// The part that a forked child plays when it goes on running the main loop. What it inherited
-/// and its parent also has is its parent's: it drops the remote jobs, the file handles and the
-/// undispatched messages without a word to anyone, acts on a few commands only, and ends when its
-/// parent ends. Otherwise each request would be carried out twice, and two processes would write
-/// one stream. (The lock on the unit is closed at the fork itself, by every child: see UnitLock.)
+/// and its parent also has is its parent's: it drops the remote jobs, the file handles, the
+/// thumbnail days and the undispatched messages without a word to anyone, acts on a few commands
+/// only, and ends when its parent ends. Otherwise each request would be carried out twice, and two
+/// processes would write one stream. (The lock on the unit is closed at the fork itself, by every
+/// child: see UnitLock.)
 class WorkerRole {
 public:
     /// Made in the daemon's own process, before any fork.

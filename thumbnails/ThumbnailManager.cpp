@@ -20,7 +20,6 @@ ThumbnailManager* g_ThumbnailManager = nullptr;
 
 namespace {
 
-constexpr int kChildNiceValue = 15;
 constexpr int kCommandDayDone = 221;
 constexpr int kOpenMode = 8192;
 constexpr int kMonthCharacters = 7;
@@ -68,8 +67,7 @@ pid_t ThumbnailManager::appendDay(const QString& date) {
     if (child != 0) {
         return child;
     }
-    PubSubInterface::setProcessPriority(kChildNiceValue);
-    PubSubInterface::setThreadIOPriority(static_cast<int>(IOPriority::Idle));
+    ForkedChild::yieldToForeground();
     DebugText::send(_debug, "appendDay(%s)", qPrintable(date));
     appendWholeDay(date);
     announceDay(date);

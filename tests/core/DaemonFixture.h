@@ -4,13 +4,16 @@
 #include "core/Delivery.h"
 #include "core/Dispatch.h"
 #include "core/RunState.h"
+#include "core/ThumbnailSchedule.h"
 #include "core/shared/MessageQueue.h"
 #include "core/shared/Replies.h"
 #include "filesystem/Filesystem.h"
 #include "jobs/RemoteJobManager.h"
+#include "tests/core/FakeThumbnails.h"
 #include "tests/support/FakeBus.h"
 #include "tests/support/FakeClock.h"
 #include "tests/support/LogCapture.h"
+#include "thumbnails/ThumbnailManager.h"
 
 #include <gtest/gtest.h>
 
@@ -33,6 +36,7 @@ protected:
         }
         g_StorageMessageTokenID = bus.bus().findToken(QByteArrayView("Message.storage"));
         std::strcpy(g_szOurPubSubToken, "Message.ExtProc.from.1");
+        g_ThumbnailManager = new ThumbnailManager(nullptr);
         g_pFilesystem = new Filesystem(nullptr);
         g_remoteManager = new RemoteJobManager();
         setDrainHooks({processMessage, [] { return g_remoteManager->lastActivity(); }});
@@ -51,6 +55,9 @@ protected:
         g_remoteManager = nullptr;
         delete g_pFilesystem;
         g_pFilesystem = nullptr;
+        delete g_ThumbnailManager;
+        g_ThumbnailManager = nullptr;
+        ThumbnailSchedule::forget();
         g_quit = false;
     }
 

@@ -79,6 +79,26 @@ TEST_F(DeliveryTest, ADayFinishedDeliveryMakesNoMessage) {
     EXPECT_TRUE(g_waitingMessages.isEmpty());
 }
 
+TEST_F(DeliveryTest, ADayFinishedDeliveryIsHandledInsideTheWait) {
+    g_thumbnailDaysOutstanding = 1;
+    receive("ThumbnailManager.dayFinished", QByteArray("2024-05-01", 11));
+    EXPECT_EQ(g_thumbnailDaysOutstanding, 0);
+    EXPECT_EQ(log.lines(),
+              QList<QByteArray>{"scada-storage-process: ThumbnailManager dayFinished 2024-05-01 "
+                                "(outstanding 0)"});
+}
+
+TEST_F(DeliveryTest, AForkedChildLeavesADayFinishedDeliveryToItsParent) {
+    g_thumbnailDaysOutstanding = 1;
+    const int token = bus.bus().findToken(QByteArrayView("ThumbnailManager.dayFinished"));
+    const int result = inChild([token] {
+        PubSubMessage delivery{token, "2024-05-01", 11};
+        PubSubInterfaceCallback(nullptr, &delivery);
+        return g_thumbnailDaysOutstanding;
+    });
+    EXPECT_EQ(result, 1);
+}
+
 // The address sanitizer maps more than any limit and never throws.
 #if !defined(__SANITIZE_ADDRESS__)
 /// Leaves a child of this process `bytes` more of memory than it has now.

@@ -96,6 +96,25 @@ TEST_F(DispatchTest, AWriteCountIsAnsweredByNobody) {
     EXPECT_TRUE(log.lines().isEmpty());
 }
 
+TEST_F(DispatchTest, AThumbnailDayIsAppendedWithItsJobAndItsDateAndNotFromTheFile) {
+    EXPECT_TRUE(process(message(7, 220, "SS", "well7", "2024-05-01")));
+    EXPECT_TRUE(process(message(0, 220, "SS", "br\xc3\xb8nn", "2024-05-02")));
+    ASSERT_EQ(g_thumbnailDays.size(), 2);
+    EXPECT_EQ(g_thumbnailDays[0].job, "well7");
+    EXPECT_EQ(g_thumbnailDays[0].date, "2024-05-01");
+    EXPECT_FALSE(g_thumbnailDays[0].fromFile);
+    EXPECT_EQ(g_thumbnailDays[1].job, QString::fromUtf8("br\xc3\xb8nn"));
+    EXPECT_TRUE(bus.takeSent().isEmpty());
+    EXPECT_TRUE(log.lines().isEmpty());
+}
+
+TEST_F(DispatchTest, AThumbnailDayWithoutItsParametersIsAnEmptyDay) {
+    EXPECT_TRUE(process(message(7, 220, "ii", 1, 2)));
+    ASSERT_EQ(g_thumbnailDays.size(), 1);
+    EXPECT_EQ(g_thumbnailDays[0].job, "");
+    EXPECT_EQ(g_thumbnailDays[0].date, "");
+}
+
 TEST_F(DispatchTest, AnAcknowledgementOutsideAWorkerHasNoEffect) {
     process(message(7, 234, "ii", 1, 1));
     EXPECT_TRUE(bus.takeSent().isEmpty());
@@ -134,7 +153,7 @@ TEST_F(DispatchTest, AnOpenThatRunsOutOfMemoryGetsItsOwnFailureForm) {
 }
 
 TEST_F(DispatchTest, ADaemonCommandThatFailsIsAnsweredByNobody) {
-    for (const int command : {0, 1, 80}) {
+    for (const int command : {0, 1, 80, 220}) {
         Message request = message(7, command, "");
         EXPECT_TRUE(handleGuarded(runOutOfMemory, request)) << command;
     }

@@ -4,15 +4,19 @@
 #include "bus/ForkedChild.h"
 #include "bus/PubSubInterface.h"
 #include "core/RunState.h"
+#include "core/ThumbnailSchedule.h"
 #include "core/shared/MessageQueue.h"
 #include "core/shared/ReapedChildren.h"
 #include "core/shared/Replies.h"
 #include "datafile/MemoryCache.h"
 #include "filesystem/Filesystem.h"
 #include "jobs/RemoteJobManager.h"
+#include "tests/core/FakeThumbnails.h"
 #include "tests/core/KeptSignalHandlers.h"
 #include "tests/support/FakeClock.h"
+#include "tests/support/Files.h"
 #include "tests/support/LogCapture.h"
+#include "thumbnails/ThumbnailManager.h"
 
 #include <gtest/gtest.h>
 
@@ -132,11 +136,13 @@ TEST_F(LifecycleTest, AStorageRequestIsAnsweredOnItsConnection) {
 TEST_F(LifecycleTest, EveryServiceIsThereWhileItRunsAndGoneAfterwards) {
     bool allThere = false;
     run([&] {
-        allThere = g_memoryCache && g_pubSubInterface && g_pFilesystem && g_remoteManager;
+        allThere = g_memoryCache && g_ThumbnailManager && g_pubSubInterface && g_pFilesystem &&
+                   g_remoteManager;
         quit();
     });
     EXPECT_TRUE(allThere);
     EXPECT_EQ(g_memoryCache, nullptr);
+    EXPECT_EQ(g_ThumbnailManager, nullptr);
     EXPECT_EQ(g_pubSubInterface, nullptr);
     EXPECT_EQ(g_pFilesystem, nullptr);
     EXPECT_EQ(g_remoteManager, nullptr);
@@ -180,6 +186,7 @@ public:
 private:
     void note(QByteArray event) {
         event += g_memoryCache ? " cache" : "";
+        event += g_ThumbnailManager ? " thumbnails" : "";
         event += g_pFilesystem ? " files" : "";
         event += g_remoteManager ? " jobs" : "";
         _record.append(event);
@@ -188,7 +195,7 @@ private:
     QList<QByteArray>& _record;
 };
 
-TEST(LifecycleOrder, TheCacheIsThereBeforeAndAfterTheBusAndTheServicesOnlyBetween) {
+TEST(LifecycleOrder, CacheAndThumbnailsAreThereBeforeAndAfterTheBusAndTheServicesOnlyBetween) {
     const KeptSignalHandlers kept;
     LogCapture log;
     QList<QByteArray> record;
@@ -196,7 +203,7 @@ TEST(LifecycleOrder, TheCacheIsThereBeforeAndAfterTheBusAndTheServicesOnlyBetwee
     transport->onWait = [](int) { raise(SIGUSR1); };
     Lifecycle lifecycle(std::move(transport));
     EXPECT_EQ(lifecycle.run(), 0);
-    EXPECT_EQ(record, (QList<QByteArray>{"join: cache", "leave: cache"}));
+    EXPECT_EQ(record, (QList<QByteArray>{"join: cache thumbnails", "leave: cache thumbnails"}));
     g_quit = false;
 }
 
@@ -221,6 +228,38 @@ TEST(LifecycleOrder, ItSaysThatItIsStartingOnceItsRequestsAreHeard) {
     EXPECT_EQ(lifecycle.run(), 0);
     EXPECT_EQ(saidInWait, (QList<bool>{false, true}));
     g_quit = false;
+}
+
+TEST_F(LifecycleTest, TheTodoFilesDaysAreTakenAtTheStartAndBuiltFromTheFirstPassOn) {
+    writeTestFile("/root/data/thumbnailTodo.txt", "a,2024-05-01\na,2024-05-02\na,2024-05-03\n");
+    writeTestFile("/root/data/thumbnailsComplete.txt", "2024-05-02\n");
+    QList<FakeThumbnails::Started> started;
+    qsizetype waiting = -1;
+    run([&] {
+        started = FakeThumbnails::started;
+        waiting = g_thumbnailDays.size();
+        quit();
+    });
+    EXPECT_EQ(started, (QList<FakeThumbnails::Started>{{"a", "2024-05-01"}}));
+    EXPECT_EQ(waiting, 1);
+    emptyRoots();
+}
+
+TEST_F(LifecycleTest, WhenEveryDayIsFinishedBothFilesAreGoneAfterTheStart) {
+    writeTestFile("/root/data/thumbnailTodo.txt", "a,2024-05-01\n");
+    writeTestFile("/root/data/thumbnailsComplete.txt", "2024-05-01\n");
+    run([this] { quit(); });
+    EXPECT_EQ(readTestFile("/root/data/thumbnailTodo.txt"), "(missing)");
+    EXPECT_EQ(readTestFile("/root/data/thumbnailsComplete.txt"), "(missing)");
+    EXPECT_TRUE(FakeThumbnails::started.isEmpty());
+}
+
+TEST_F(LifecycleTest, NoThumbnailDayOutlivesTheDaemon) {
+    run([this] {
+        ThumbnailSchedule::request("a", "2024-05-01");
+        quit();
+    });
+    EXPECT_TRUE(g_thumbnailDays.isEmpty());
 }
 
 TEST_F(LifecycleTest, AQuitFromBeforeTheStartIsForgotten) {

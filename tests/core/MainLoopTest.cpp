@@ -163,6 +163,36 @@ TEST_F(MainLoopTest, IdleHandlesExpireInAPass) {
     EXPECT_EQ(closed[0].message.parameterCount(), 0) << "the handle was still open";
 }
 
+TEST_F(MainLoopTest, APassStartsTheNextThumbnailDayBetweenTheSlicesAndTheWait) {
+    QList<QByteArray> order;
+    g_remoteManager->addJob(new SliceJob([&](SliceJob&) { order.append("slice"); }));
+    FakeThumbnails::child = [&] {
+        order.append("day");
+        return FakeThumbnails::kNobody;
+    };
+    bus.transport().onWait = [&](int) { order.append("wait"); };
+    ThumbnailSchedule::request("a", "2024-05-01");
+    EXPECT_TRUE(loop.runPass());
+    EXPECT_EQ(order, (QList<QByteArray>{"slice", "day", "wait"}));
+}
+
+TEST_F(MainLoopTest, ADayThatIsFinishedInsideTheWaitLetsTheNextOneStartInTheNextPass) {
+    ThumbnailSchedule::request("a", "2024-05-01");
+    ThumbnailSchedule::request("a", "2024-05-02");
+    bus.transport().deliver("ThumbnailManager.dayFinished", QByteArray("2024-05-01", 11));
+    loop.runPass();
+    EXPECT_EQ(FakeThumbnails::started.size(), 1);
+    loop.runPass();
+    EXPECT_EQ(FakeThumbnails::started.size(), 2);
+}
+
+TEST_F(MainLoopTest, NoThumbnailDayStartsWhenTheWatchdogFires) {
+    ThumbnailSchedule::request("a", "2024-05-01");
+    clock.advance(16);
+    loop.runPass();
+    EXPECT_TRUE(FakeThumbnails::started.isEmpty());
+}
+
 TEST_F(MainLoopTest, LoopIsLoggedOncePerSecond) {
     loop.runPass();
     EXPECT_EQ(log.count(kLoopLine), 0) << "the second of the start is logged already";

@@ -98,6 +98,25 @@ TEST_F(WorkerRoleTest, AChildDropsJobsHandlesAndMessagesWithoutAMessageToAnyone)
     EXPECT_EQ(result, 0);
 }
 
+TEST_F(WorkerRoleTest, AChildDropsTheThumbnailDaysAndTheNotificationWithoutAMessageToAnyone) {
+    ThumbnailSchedule::request("a", "2024-05-01");
+    ThumbnailSchedule::request("a", "2024-05-02");
+    ThumbnailSchedule::runStep();
+    const int id = g_thumbnailNotificationID;
+    bus.takeSent();
+    const int result = inChild([&] {
+        loop.runPass();
+        const bool dropped = g_thumbnailDays.isEmpty() && g_thumbnailDaysOutstanding == 0 &&
+                             g_thumbnailNotificationID == 0;
+        return dropped && FakeThumbnails::started.size() == 1 && bus.transport().sent.isEmpty() ? 0
+                                                                                                : 1;
+    });
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(g_thumbnailDays.size(), 1);
+    EXPECT_EQ(g_thumbnailDaysOutstanding, 1);
+    EXPECT_EQ(g_thumbnailNotificationID, id);
+}
+
 TEST_F(WorkerRoleTest, AChildDropsThemOnceAndKeepsWhatItTakesOnItself) {
     const int result = inChild([&] {
         role.mayGoOn();

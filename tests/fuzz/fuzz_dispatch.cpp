@@ -3,6 +3,7 @@
 #include "core/Delivery.h"
 #include "core/Dispatch.h"
 #include "core/RunState.h"
+#include "core/ThumbnailSchedule.h"
 #include "core/shared/MessageQueue.h"
 #include "core/shared/Replies.h"
 #include "core/shared/Tokens.h"
@@ -15,13 +16,16 @@
 #include "tests/support/FakeClock.h"
 
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <vector>
 
 /// Any sequence of deliveries through callback, queue, dispatch and file service, on real files:
 /// each request with a code of the file protocol gets exactly one reply, with its own code, on its
 /// own connection and of one of the two kinds; a keep-alive gets its one; no other code gets any.
-/// The files that are open are those that replies said are open, and nothing else stays open.
+/// The files that are open are those that replies said are open, and nothing else stays open. The
+/// waiting thumbnail days are those that were asked for and those of the scheduling files.
 
 namespace {
 
@@ -48,6 +52,8 @@ constexpr FileRequest kFileRequests[] = {
 constexpr int kOtherCommands[] = {0,  1,      80,     220,    230,    231,    232,   234,
                                   -1, 0x1406, 0x14A0, 0x14B0, 0x14B1, 0x14C0, 0x14C1};
 
+constexpr char kTodo[] = "/root/data/thumbnailTodo.txt";
+constexpr char kFinished[] = "/root/data/thumbnailsComplete.txt";
 constexpr char kOwnReplies[] = "Message.ExtProc.from.1";
 
 /// The steps after one for each file request.
@@ -74,6 +80,7 @@ public:
     Unit() : _bus(PubSubInterfaceCallback) {
         _bus.bus().addWantedToken(Tokens::kStorageRequests);
         _bus.bus().addWantedToken(Tokens::kStorageManager);
+        _bus.bus().addWantedToken(Tokens::kThumbnailDayFinished);
         g_StorageMessageTokenID = _bus.bus().findToken(Tokens::kStorageRequests);
         std::strcpy(g_szOurPubSubToken, kOwnReplies);
         g_pFilesystem = &_filesystem;
@@ -83,6 +90,7 @@ public:
     ~Unit() {
         setDrainHooks({});
         g_pFilesystem = nullptr;
+        ThumbnailSchedule::forget();
     }
     Unit(const Unit&) = delete;
     Unit& operator=(const Unit&) = delete;
@@ -102,14 +110,21 @@ public:
             deliver(connection, input.takeMessage(request.command, other.replyFormat).encoded());
         } else if (step == kOtherCommand) {
             const int command = kOtherCommands[input.takeByte() % std::size(kOtherCommands)];
-            deliver(connection, input.takeMessage(command, "ii").encoded());
+            const char* format = command == COMMAND_THUMBNAIL_DAY ? "SS" : "ii";
+            deliver(connection, input.takeMessage(command, format).encoded());
         } else if (step == kStorageBytes) {
             deliver(connection, input.takeBlock());
-        } else if (step == kOwnBytes) {
+        } else if (step == kOwnBytes && connection % 2 == 0) {
             deliverOwn(input.takeBlock());
-        } else {
+        } else if (step == kOwnBytes) {
+            deliverDayFinished(connection, input.takeBlock());
+        } else if (connection % 2 == 0) {
             drain();
             letTimePass(input.takeByte());
+        } else {
+            drain();
+            const std::string todo = input.takeBlock();
+            loadSchedule(todo, input.takeBlock());
         }
         if (!isHeld) {
             drain();
@@ -125,6 +140,7 @@ public:
             checkReply(_expected[static_cast<std::size_t>(i)], sent[i]);
         }
         _expected.clear();
+        checkSchedule();
     }
 
     int openFiles() const { return _openFiles; }
@@ -133,6 +149,10 @@ private:
     struct Expected {
         int connection;
         int command;
+    };
+    struct Day {
+        QString job;
+        QString date;
     };
 
     void deliver(int connection, const std::string& bytes) {
@@ -146,8 +166,79 @@ private:
         expectAnswerTo(0, bytes);
     }
 
+    /// The connection's number says how many days are outstanding by then, and whether the last
+    /// one came from the file.
+    void deliverDayFinished(int connection, const std::string& bytes) {
+        drain();
+        g_thumbnailDaysOutstanding = connection / 4;
+        g_thumbnailDayFromFile = connection / 2 % 2 == 1;
+        _bus.transport().deliver(Tokens::kThumbnailDayFinished, QByteArray::fromStdString(bytes));
+        _bus.bus().takeInArrived();
+        REQUIRE(g_thumbnailDaysOutstanding == 0);
+    }
+
+    /// A start of the daemon with these scheduling files, against a plain model of it.
+    void loadSchedule(const std::string& todo, const std::string& finished) {
+        namespace fs = std::filesystem;
+        for (const auto& [path, contents] : {std::pair(kTodo, todo), {kFinished, finished}}) {
+            fs::remove_all(path);
+            std::ofstream(path, std::ios::binary) << contents;
+        }
+        ThumbnailSchedule::forget();
+        ThumbnailSchedule::load();
+        _days.clear();
+        for (const QByteArray& line : QByteArray::fromStdString(todo).split('\n')) {
+            const QByteArray entry = line.trimmed();
+            if (entry.count(',') == 1) {
+                const QList<QByteArray> parts = entry.split(',');
+                _days.append({QString::fromUtf8(parts[0]), QString::fromUtf8(parts[1])});
+            }
+        }
+        const bool hasDays = !_days.isEmpty();
+        for (const QByteArray& line : QByteArray::fromStdString(finished).split('\n')) {
+            removeFirstDay(QString::fromUtf8(line.trimmed()));
+        }
+        checkSchedule();
+        REQUIRE(fs::exists(kTodo) == (!hasDays || !_days.isEmpty()));
+        REQUIRE(fs::exists(kFinished) == fs::exists(kTodo));
+    }
+
+    void removeFirstDay(const QString& date) {
+        for (qsizetype i = 0; i < _days.size() && !date.isEmpty(); ++i) {
+            if (_days[i].date == date) {
+                _days.removeAt(i);
+                return;
+            }
+        }
+    }
+
+    void checkSchedule() const {
+        REQUIRE(g_thumbnailDays.size() == _days.size());
+        for (qsizetype i = 0; i < _days.size(); ++i) {
+            REQUIRE(g_thumbnailDays[i].job == _days[i].job);
+            REQUIRE(g_thumbnailDays[i].date == _days[i].date);
+        }
+    }
+
+    static QString textAt(const WireMessage& message, std::size_t index) {
+        const bool isText = index < message.format.size() && message.format[index] == 'S';
+        return isText ? QString::fromUtf8(message.bytes(index).c_str()) : QString();
+    }
+
+    void expectDay(const WireMessage& message) {
+        const Day day{textAt(message, 0), textAt(message, 1)};
+        if (day.job.size() <= ThumbnailSchedule::kMaximumTextLength &&
+            day.date.size() <= ThumbnailSchedule::kMaximumTextLength &&
+            _days.size() < ThumbnailSchedule::kMaximumWaitingDays) {
+            _days.append(day);
+        }
+    }
+
     void expectAnswerTo(int connection, const std::string& bytes) {
         const std::optional<WireMessage> message = WireMessage::decoded(bytes);
+        if (message && message->command == COMMAND_THUMBNAIL_DAY) {
+            expectDay(*message);
+        }
         if (message &&
             (message->command == COMMAND_KEEPALIVE || findFileRequest(message->command))) {
             _expected.push_back({connection, message->command});
@@ -189,6 +280,7 @@ private:
     FakeBus _bus;
     Filesystem _filesystem{nullptr};
     std::vector<Expected> _expected;
+    QList<Day> _days;
     int _openFiles = 0;
 };
 

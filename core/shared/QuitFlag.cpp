@@ -1,0 +1,3 @@
+#include "core/shared/QuitFlag.h"
+
+std::atomic<bool> g_quit = false;
