@@ -7,6 +7,8 @@ enum DaemonCommand : int {
     COMMAND_QUIT = 1,                       ///< ""
     COMMAND_WRITE_COUNT = 80,               ///< "ii" connection, bytes still queued
     COMMAND_THUMBNAIL_DAY = 220,            ///< "SS" job, date
+    COMMAND_LOOKUP = 230,                   ///< "SiiSSS", see HistoricalDataManager::lookup
+    COMMAND_BEGIN_REPLAY = 231,             ///< "SS" requester, start
     COMMAND_CONTINUE_REPLAY = 232,          ///< "iS" job, options
     COMMAND_ACKNOWLEDGE_REPLAY_DATA = 234,  ///< "ii" job, sequence
 };

@@ -10,6 +10,7 @@
 #include "core/shared/Tokens.h"
 #include "filesystem/FileProtocol.h"
 #include "filesystem/Filesystem.h"
+#include "history/HistoricalDataManager.h"
 
 #include <unistd.h>
 
@@ -30,9 +31,38 @@ bool handleQuit(Message&) {
     return false;
 }
 
+QString textOf(const Message& message, int parameter) {
+    return QString::fromUtf8(message.parameterAsString(parameter));
+}
+
 bool handleThumbnailDay(Message& message) {
-    ThumbnailSchedule::request(QString::fromUtf8(message.parameterAsString(0)),
-                               QString::fromUtf8(message.parameterAsString(1)));
+    ThumbnailSchedule::request(textOf(message, 0), textOf(message, 1));
+    return true;
+}
+
+bool handleLookup(Message& message) {
+    g_pHistoricalDataManager->lookup(textOf(message, 0), message.parameterAsInt32(1),
+                                     message.parameterAsInt32(2), textOf(message, 3),
+                                     textOf(message, 4), textOf(message, 5));
+    return true;
+}
+
+bool handleBeginReplay(Message& message) {
+    g_pHistoricalDataManager->beginHistoricalReplay(textOf(message, 0), textOf(message, 1));
+    return true;
+}
+
+bool handleContinueReplay(Message& message) {
+    g_pHistoricalDataManager->continueHistoricalReplay(message.parameterAsInt32(0),
+                                                       textOf(message, 1));
+    return true;
+}
+
+bool handleReplayAcknowledgement(Message& message) {
+    if (g_pHistoricalDataManager->isWorkerThread()) {
+        g_pHistoricalDataManager->ackReplayData(message.parameterAsInt32(0),
+                                                message.parameterAsInt32(1));
+    }
     return true;
 }
 
@@ -51,6 +81,10 @@ constexpr Command kCommands[] = {
     {COMMAND_QUIT, handleQuit},
     {COMMAND_WRITE_COUNT, handleByFileService},
     {COMMAND_THUMBNAIL_DAY, handleThumbnailDay},
+    {COMMAND_LOOKUP, handleLookup},
+    {COMMAND_BEGIN_REPLAY, handleBeginReplay},
+    {COMMAND_CONTINUE_REPLAY, handleContinueReplay},
+    {COMMAND_ACKNOWLEDGE_REPLAY_DATA, handleReplayAcknowledgement},
 };
 
 const Command* findCommand(int code) {

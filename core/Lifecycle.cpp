@@ -9,12 +9,14 @@
 #include "core/Signals.h"
 #include "core/ThumbnailSchedule.h"
 #include "core/UnitLock.h"
+#include "core/shared/ChildPool.h"
 #include "core/shared/MessageQueue.h"
 #include "core/shared/Replies.h"
 #include "core/shared/StoragePaths.h"
 #include "core/shared/Tokens.h"
 #include "datafile/MemoryCache.h"
 #include "filesystem/Filesystem.h"
+#include "history/HistoricalDataManager.h"
 #include "jobs/RemoteJobManager.h"
 #include "thumbnails/ThumbnailManager.h"
 
@@ -137,12 +139,14 @@ bool Lifecycle::joinBus() {
 
 void Lifecycle::createServices() {
     g_pFilesystem = new Filesystem(nullptr);
+    g_pHistoricalDataManager = new HistoricalDataManager(nullptr);
     g_remoteManager = new RemoteJobManager();
     setDrainHooks({processMessage, jobActivity});
 }
 
 void Lifecycle::destroyServices() {
     destroy(g_remoteManager);
+    destroy(g_pHistoricalDataManager);
     destroy(g_pFilesystem);
     destroy(g_pubSubInterface);
     destroy(g_ThumbnailManager);
@@ -150,5 +154,6 @@ void Lifecycle::destroyServices() {
     setDrainHooks({});
     dropWaitingMessages();
     ThumbnailSchedule::forget();
+    ChildPools::forget();
     UnitLock::release();
 }

@@ -6,6 +6,7 @@
 #include "core/DaemonCommands.h"
 #include "core/RunState.h"
 #include "core/ThumbnailSchedule.h"
+#include "core/shared/ChildPool.h"
 #include "core/shared/MessageQueue.h"
 #include "core/shared/Tokens.h"
 #include "filesystem/Filesystem.h"
@@ -51,7 +52,6 @@ void MainLoop::run() {
 
 bool MainLoop::runPass() {
     if (!_role.mayGoOn()) {
-        DebugText::send(Tokens::kClientName, "parent process ended");
         return false;
     }
     logSecond();
@@ -63,6 +63,7 @@ bool MainLoop::runPass() {
     g_pFilesystem->expireHandles();
     g_remoteManager->runSlice();
     ThumbnailSchedule::runStep();
+    ChildPools::startWaiting();
     processWaitingMessages();
     return true;
 }

@@ -1,10 +1,13 @@
 #include "core/WorkerRole.h"
 
+#include "bus/DebugText.h"
 #include "bus/ForkedChild.h"
 #include "core/DaemonCommands.h"
 #include "core/Lifecycle.h"
 #include "core/ThumbnailSchedule.h"
 #include "core/shared/MessageQueue.h"
+#include "core/shared/Tokens.h"
+#include "history/HistoricalDataManager.h"
 #include "jobs/RemoteJobManager.h"
 
 #include <csignal>
@@ -30,7 +33,18 @@ bool WorkerRole::mayGoOn() {
     if (ForkedChild::generation() != _generation) {
         becomeWorker();
     }
-    return _parent == 0 || getppid() == _parent;
+    if (_parent == 0) {
+        return true;
+    }
+    if (g_pHistoricalDataManager->isAbandoned()) {
+        DebugText::send(Tokens::kClientName, "replay worker was told nothing, ending");
+        return false;
+    }
+    if (getppid() != _parent) {
+        DebugText::send(Tokens::kClientName, "parent process ended");
+        return false;
+    }
+    return true;
 }
 
 bool WorkerRole::actsOn(int command) {

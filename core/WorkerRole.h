@@ -14,7 +14,8 @@ public:
     WorkerRole();
 
     /// To be called once a pass. The first time in a child it drops what is the parent's. False
-    /// once the parent has ended; true for ever in the daemon's own process.
+    /// once the parent has ended, or a replay's client is gone, with a log line; true for ever in
+    /// the daemon's own process.
     bool mayGoOn();
 
     /// Whether a forked child acts on a command.

@@ -1,0 +1,85 @@
+#include "core/shared/ChildPool.h"
+
+#include "bus/DebugText.h"
+#include "bus/ForkedChild.h"
+#include "core/shared/ReapedChildren.h"
+#include "core/shared/Tokens.h"
+
+void ChildPool::run(const Work& work) {
+    if (_waiting.isEmpty() && hasRoom()) {
+        start(work);
+        return;
+    }
+    if (_waiting.size() >= _maximumWaiting) {
+        DebugText::send(Tokens::kClientName, "too many children, request dropped");
+        return;
+    }
+    _waiting.append(work);
+}
+
+void ChildPool::startWaiting() {
+    const unsigned generation = ForkedChild::generation();
+    while (!_waiting.isEmpty() && hasRoom() && ForkedChild::generation() == generation) {
+        start(_waiting.takeFirst());
+    }
+}
+
+void ChildPool::forget() {
+    _running.clear();
+    _waiting.clear();
+}
+
+bool ChildPool::hasRoom() {
+    _running.removeIf([](const Child& child) {
+        int status = 0;
+        return ReapedChildren::find(child.pid, child.reapedBefore, status);
+    });
+    return _running.size() < _maximumRunning;
+}
+
+void ChildPool::start(const Work& work) {
+    const unsigned reapedBefore = ReapedChildren::count();
+    const pid_t child = ForkedChild::start();
+    if (child < 0) {
+        DebugText::send(Tokens::kClientName, "no child, request dropped");
+        return;
+    }
+    if (child > 0) {
+        _running.append({child, reapedBefore});
+        return;
+    }
+    ChildPools::forget();
+    try {
+        work();
+    } catch (...) {
+        DebugText::send(Tokens::kClientName, "no memory in a child");
+        ForkedChild::end();
+    }
+}
+
+namespace ChildPools {
+
+namespace {
+
+constexpr int kMaximumLookupsAndListings = 8;
+constexpr int kMaximumWaiting = 64;
+constexpr int kMaximumInvalidLookups = 4;
+constexpr int kMaximumReplayWorkers = 8;
+
+}  // namespace
+
+ChildPool g_lookupsAndListings(kMaximumLookupsAndListings, kMaximumWaiting);
+ChildPool g_invalidLookups(kMaximumInvalidLookups, 0);
+ChildPool g_replayWorkers(kMaximumReplayWorkers, 0);
+
+void startWaiting() {
+    g_lookupsAndListings.startWaiting();
+}
+
+void forget() {
+    g_lookupsAndListings.forget();
+    g_invalidLookups.forget();
+    g_replayWorkers.forget();
+}
+
+}  // namespace ChildPools
