@@ -15,7 +15,8 @@ using namespace DataFileFormat;
 namespace {
 
 constexpr quint32 kCurrentVersion = 2;
-constexpr int kNewHeaderBytes = kFixedHeaderBytes + DataFile::kMaximumRecordTypes * kDescriptorBytes;
+constexpr int kNewHeaderBytes =
+    kFixedHeaderBytes + DataFile::kMaximumRecordTypes * kDescriptorBytes;
 constexpr int kMaximumRecordLength = 255;
 constexpr int kBlockBytes = 16 * 1024;
 // The first time appended to a file is never a step from a time that the file does not hold.
@@ -69,7 +70,8 @@ int DataFile::addRecordType(const QString& name, DataFileRecord::Type type) {
         return -1;
     }
     setField(_header.get(), kRecordTypeCountOffset, count + 1);
-    setField(_header.get(), kHeaderSizeOffset, static_cast<quint32>(headerSize() + kDescriptorBytes));
+    setField(_header.get(), kHeaderSizeOffset,
+             static_cast<quint32>(headerSize() + kDescriptorBytes));
     const int index = static_cast<int>(count);
     char* const added = descriptor(_header.get(), index);
     copyName(name, added, kNameBytes);
@@ -334,7 +336,8 @@ int DataFile::readRecord(void* buffer, int bufferLength, DataFileRecord::Type& t
     if (read > 0) {
         currentLocation() += read;
         type = _stream.type();
-        std::memset(buffer, 0, static_cast<std::size_t>(std::min(bufferLength, kMaximumRecordBytes)));
+        std::memset(buffer, 0,
+                    static_cast<std::size_t>(std::min(bufferLength, kMaximumRecordBytes)));
         std::memcpy(buffer, _stream.record(), static_cast<std::size_t>(read));
     }
     return isWhole ? static_cast<int>(read) : -1;

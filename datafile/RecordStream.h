@@ -56,22 +56,24 @@ void RecordStream::forEach(Visitor visit) {
     // of its kind: a branch that is guessed right is quicker than a look into a table, because
     // the processor then need not know this record to begin with the next.
     char* next = _next;
-    const char* lastInside = _end - DataFileFormat::kMaximumRecordBytes;
-    int usualType = -1;
+    const char* end = _end;
+    int usualType = DataFileFormat::kShortTimeStep;
     int usualLength = 0;
     for (;;) {
         const char* record = next;
         int type = 0;
         int length = 0;
-        if (next <= lastInside) [[likely]] {
+        if (end - next >= DataFileFormat::kMaximumRecordBytes) [[likely]] {
             type = DataFileFormat::byteAt(record, 0);
             if (type == DataFileFormat::kShortTimeStep) {
                 length = 2;
                 next += 2;
             } else {
                 if (type != usualType) [[unlikely]] {
-                    usualType = type;
                     usualLength = lengthOf(type);
+                    // No type without payload becomes the usual one: of an unknown one, each
+                    // record is logged.
+                    usualType = usualLength > 1 ? type : DataFileFormat::kShortTimeStep;
                 }
                 length = usualLength;
                 next += usualLength;
@@ -85,9 +87,10 @@ void RecordStream::forEach(Visitor visit) {
             type = this->type();
             length = this->length();
             next = _next;
-            lastInside = _end - DataFileFormat::kMaximumRecordBytes;
+            end = _end;
         }
         if (!visit(record, type, length)) {
+            _record = record;
             _next = next;
             return;
         }

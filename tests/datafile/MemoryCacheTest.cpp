@@ -44,6 +44,35 @@ TEST(MemoryCache, TheMostRecentlyReleasedBufferThatIsLargeEnoughIsTaken) {
     EXPECT_EQ(cache.acquireBuffer(1500), small);
 }
 
+TEST(MemoryCache, ANewBufferHoldsAQuarterMoreAndOneByteCutToWholeBytes) {
+    constexpr int kRows[][2] = {{0, 1},       {1, 2},         {2, 3},         {3, 4},
+                                {4, 6},       {7, 9},         {100, 126},     {999, 1249},
+                                {1000, 1251}, {65536, 81921}, {65537, 81922}, {1000001, 1250002}};
+    for (const auto& [size, capacity] : kRows) {
+        MemoryCache cache(false);
+        void* buffer = cache.acquireBuffer(size);
+        std::memset(buffer, 0x5A, static_cast<std::size_t>(capacity));
+        cache.releaseBuffer(buffer);
+        EXPECT_EQ(cache.acquireBuffer(capacity), buffer) << size;
+        cache.releaseBuffer(buffer);
+        EXPECT_NE(cache.acquireBuffer(capacity + 1), buffer) << size;
+    }
+}
+
+TEST(MemoryCache, OfEqualBuffersTheOneReleasedLastComesFirst) {
+    for (const bool threadSafe : {false, true}) {
+        MemoryCache cache(threadSafe);
+        void* const buffers[] = {cache.acquireBuffer(10), cache.acquireBuffer(10),
+                                 cache.acquireBuffer(10)};
+        for (const int released : {1, 0, 2}) {
+            cache.releaseBuffer(buffers[released]);
+        }
+        EXPECT_EQ(cache.acquireBuffer(10), buffers[2]);
+        EXPECT_EQ(cache.acquireBuffer(10), buffers[0]);
+        EXPECT_EQ(cache.acquireBuffer(10), buffers[1]);
+    }
+}
+
 TEST(MemoryCache, ASmallBufferReleasedLastIsPassedOverForALargerRequest) {
     MemoryCache cache(false);
     void* large = cache.acquireBuffer(4000);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 #include <limits>
+#include <utility>
 
 namespace {
 
@@ -92,6 +93,10 @@ std::string FuzzInput::takeBlock() {
     const std::string block(_rest.substr(0, length));
     _rest.remove_prefix(block.size());
     return block;
+}
+
+std::string FuzzInput::takeRest() {
+    return std::string(std::exchange(_rest, {}));
 }
 
 WireMessage FuzzInput::takeMessage(std::int32_t command, std::string_view format) {

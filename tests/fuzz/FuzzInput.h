@@ -21,6 +21,8 @@ public:
     std::string takeText();
     /// A byte that counts, and as many bytes (fewer at the end).
     std::string takeBlock();
+    /// All that is left.
+    std::string takeRest();
     /// A message with one value a letter.
     WireMessage takeMessage(std::int32_t command, std::string_view format);
 
