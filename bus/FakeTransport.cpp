@@ -75,6 +75,9 @@ bool FakeTransport::publish(const char* topic, const void* payload, int length) 
         return false;
     }
     sent.append({tokenOf(topic), QByteArray(static_cast<const char*>(payload), length)});
+    if (onPublish) {
+        onPublish(sent.last());
+    }
     if (!brokerReads) {
         _bytesWaiting += std::strlen(topic) + static_cast<std::size_t>(length);
     }

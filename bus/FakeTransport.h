@@ -22,6 +22,8 @@ public:
     QList<int> waits;
     /// Called inside each wait, before anything is delivered (to move a clock, to deliver).
     std::function<void(int milliseconds)> onWait;
+    /// Called for each message that is published (so that a forked child can tell of it).
+    std::function<void(const Sent&)> onPublish;
     /// Called inside each write while bytes wait (to let the broker read, or go).
     std::function<void(int milliseconds)> onWrite;
     /// Whether connects and sends succeed; going from true to false loses the connection.

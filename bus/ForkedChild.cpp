@@ -46,12 +46,12 @@ void yieldToForeground() {
     PubSubInterface::setThreadIOPriority(static_cast<int>(IOPriority::Idle));
 }
 
-void end() {
+void end(int status) {
     DebugText::flushRepeats();
 #ifdef SCADA_STORAGE_COVERAGE
     __gcov_dump();
 #endif
-    _exit(0);
+    _exit(status);
 }
 
 unsigned generation() {

@@ -14,8 +14,8 @@ pid_t start();
 /// In a child: lets the daemon's foreground work and acquisition go first, on processor and disk.
 void yieldToForeground();
 
-/// Ends a child with _exit(0): no destructors, no exit handlers.
-[[noreturn]] void end();
+/// Ends a child with _exit: no destructors, no exit handlers.
+[[noreturn]] void end(int status = 0);
 
 /// How many forks lie between the first process and this one. It differs before and after a
 /// fork in the child, and stays the same in the parent.

@@ -2,6 +2,7 @@
 
 #include "core/shared/PutInPlace.h"
 #include "core/shared/RegularFile.h"
+#include "filesystem/FileCopy.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -9,7 +10,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -35,35 +35,6 @@ bool saysMissing(int error) {
     return error == ENOENT || error == ENOTDIR || error == ENAMETOOLONG;
 }
 
-bool copyContents(QFile& source, int target) {
-    std::array<char, 65536> buffer;
-    for (;;) {
-        const qint64 count = source.read(buffer.data(), static_cast<qint64>(buffer.size()));
-        if (count <= 0) {
-            return count == 0;
-        }
-        for (qint64 written = 0; written < count;) {
-            const ssize_t step =
-                ::write(target, buffer.data() + written, static_cast<std::size_t>(count - written));
-            if (step < 0 && errno != EINTR) {
-                return false;
-            }
-            written += step > 0 ? step : 0;
-        }
-    }
-}
-
-/// Mode and time go with the file, as they do when it is renamed; but no move fails for them, as
-/// the file systems of memory cards do not keep every one.
-void copyAttributes(const QFile& source, int target) {
-    struct stat status;
-    if (::fstat(source.handle(), &status) == 0) {
-        const std::array<timespec, 2> times = {status.st_atim, status.st_mtim};
-        ::fchmod(target, status.st_mode & 07777);
-        ::futimens(target, times.data());
-    }
-}
-
 bool moveByCopy(const QByteArray& from, const QByteArray& to) {
     QFile source;
     if (!RegularFile::open(source, QFile::decodeName(from), QIODevice::ReadOnly)) {
@@ -75,8 +46,8 @@ bool moveByCopy(const QByteArray& from, const QByteArray& to) {
     if (target < 0) {
         return false;
     }
-    bool isWhole = copyContents(source, target);
-    copyAttributes(source, target);
+    bool isWhole = copyContents(source.handle(), target);
+    copyAttributes(source.handle(), target);
     // The folder is synced as well: the removal lands on another file system, and must not reach
     // its disk before the new name has reached this one.
     isWhole = isWhole && putInPlace(target, copy, to);

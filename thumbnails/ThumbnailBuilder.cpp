@@ -111,8 +111,8 @@ bool ThumbnailManager::createThumb(const QString& month, const DataFile& source,
         DebugText::send(_debug, "failed to create thumbnail file!");
         return false;
     }
-    header = QByteArray(source.header(),
-                        usableHeaderSize(static_cast<quint32>(source.headerSize())));
+    header =
+        QByteArray(source.header(), usableHeaderSize(static_cast<quint32>(source.headerSize())));
     setField(header.data(), kCreatedOffset, ThumbnailLayout::monthStart(month));
     if (thumb.write(header) < header.size() || !putInPlace(thumb.handle(), beside, place)) {
         DebugText::send(_debug, "failed to write thumbnail file!");
@@ -169,8 +169,8 @@ int ThumbnailManager::appendDayWorker(int headerSize, const QMap<int, int>& slot
             // The slot may be longer than the record, and what follows here is the next one.
             char alone[kMaximumRecordBytes] = {};
             std::memcpy(alone, record, static_cast<std::size_t>(length));
-            writeThumbRecord(thumb, position, headerSize, slotMap, dayIndex, monthStart, time,
-                             type, alone);
+            writeThumbRecord(thumb, position, headerSize, slotMap, dayIndex, monthStart, time, type,
+                             alone);
             ++count;
         }
         return true;

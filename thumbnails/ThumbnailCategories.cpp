@@ -23,7 +23,8 @@ const ThumbnailCategory kGaugeCards = {
     .invalidDate = "appendDaySingleGaugeCard passed invalid date string \"%s\"",
     .noDataFile = "appendDaySingleGaugeCard failed to open gaugecard file for date %s, gauge %s",
     .noThumbnail = "appendDaySingleGaugeCard failed to open gaugecard thumbnail file %s-%s",
-    .done = "appendDaySingleGaugeCard added %d records to gaugecard thumbnail file %s-%s for day %d",
+    .done =
+        "appendDaySingleGaugeCard added %d records to gaugecard thumbnail file %s-%s for day %d",
 };
 
 const ThumbnailCategory kInputs = {

@@ -12,6 +12,8 @@
 #include <QDir>
 #include <QDirIterator>
 
+#include <cstdlib>
+
 #include <unistd.h>
 
 using namespace ThumbnailCategories;
@@ -67,10 +69,15 @@ pid_t ThumbnailManager::appendDay(const QString& date) {
     if (child != 0) {
         return child;
     }
-    ForkedChild::yieldToForeground();
-    DebugText::send(_debug, "appendDay(%s)", qPrintable(date));
-    appendWholeDay(date);
-    announceDay(date);
+    try {
+        ForkedChild::yieldToForeground();
+        DebugText::send(_debug, "appendDay(%s)", qPrintable(date));
+        appendWholeDay(date);
+        announceDay(date);
+    } catch (...) {
+        DebugText::send(_debug, "no memory for the day");
+        ForkedChild::end(EXIT_FAILURE);
+    }
     ForkedChild::end();
 }
 

@@ -17,19 +17,23 @@ FakeBus::~FakeBus() {
     g_pubSubInterface = nullptr;
 }
 
+FakeBus::Sent FakeBus::decoded(const FakeTransport::Sent& sent) {
+    Sent result;
+    result.token = sent.token;
+    const bool framed = sent.token == "ConnectionManager.clientMessage";
+    const int header = framed ? 4 : 0;
+    if (framed && sent.payload.size() >= 4) {
+        result.connection = qFromLittleEndian<qint32>(sent.payload.constData());
+    }
+    result.message.construct(sent.payload.constData() + header,
+                             static_cast<int>(sent.payload.size()) - header);
+    return result;
+}
+
 QList<FakeBus::Sent> FakeBus::takeSent() {
     QList<Sent> result;
     for (const FakeTransport::Sent& sent : std::as_const(_transport->sent)) {
-        Sent decoded;
-        decoded.token = sent.token;
-        const bool framed = sent.token == "ConnectionManager.clientMessage";
-        const int header = framed ? 4 : 0;
-        if (framed && sent.payload.size() >= 4) {
-            decoded.connection = qFromLittleEndian<qint32>(sent.payload.constData());
-        }
-        decoded.message.construct(sent.payload.constData() + header,
-                                  static_cast<int>(sent.payload.size()) - header);
-        result.append(decoded);
+        result.append(decoded(sent));
     }
     _transport->sent.clear();
     return result;

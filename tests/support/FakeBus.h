@@ -23,6 +23,7 @@ public:
     FakeTransport& transport() { return *_transport; }
     PubSubInterface& bus() { return *_bus; }
 
+    static Sent decoded(const FakeTransport::Sent& sent);
     /// What was sent since the last call, decoded.
     QList<Sent> takeSent();
 
