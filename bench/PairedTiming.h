@@ -29,6 +29,15 @@ public:
         return _ours.back();
     }
 
+    /// One turn where ours must be first, because something has to end before the peer's block.
+    template <typename Ours, typename Between, typename Peer>
+    double turnAfter(const Ours& ours, const Between& between, const Peer& peer) {
+        _ours.push_back(seconds(ours));
+        between();
+        _peer.push_back(seconds(peer) + _operations * _allowanceSeconds);
+        return _ours.back();
+    }
+
     /// Sets the counters "ratio", "ours_ns" and "peer_ns" (medians, an operation).
     void report(benchmark::State& state) const;
 

@@ -1,6 +1,6 @@
 #include "bench/PairedTiming.h"
 #include "bench/RecordedDay.h"
-#include "bench/ThumbnailPeers.h"
+#include "bench/StorePeers.h"
 #include "bus/DebugText.h"
 #include "bus/ForkedChild.h"
 #include "datafile/DataFile.h"

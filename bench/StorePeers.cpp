@@ -1,4 +1,4 @@
-#include "bench/ThumbnailPeers.h"
+#include "bench/StorePeers.h"
 
 #include "bench/RecordedDay.h"
 
@@ -15,6 +15,7 @@ namespace {
 
 constexpr char kRoundRobinFile[] = "/tmp/day.rrd";
 constexpr char kSqlFile[] = "/tmp/day.sqlite";
+constexpr int kHalfHourSeconds = 1800;
 
 void check(bool isGood, const std::string& what) {
     if (!isGood) {
@@ -24,6 +25,16 @@ void check(bool isGood, const std::string& what) {
 
 void execute(sqlite3* database, const char* statement) {
     check(sqlite3_exec(database, statement, nullptr, nullptr, nullptr) == SQLITE_OK, statement);
+}
+
+/// Runs the query to its end.
+int countRows(sqlite3_stmt* select) {
+    int rows = 0;
+    while (sqlite3_step(select) == SQLITE_ROW) {
+        ++rows;
+    }
+    check(sqlite3_finalize(select) == SQLITE_OK, "no query");
+    return rows;
 }
 
 }  // namespace
@@ -64,7 +75,24 @@ void RoundRobinPeer::update() {
           rrd_get_error());
 }
 
-SqlPeer::SqlPeer(const QString& date) {
+void RoundRobinPeer::fetchHalfHour(int fromSecond) {
+    time_t start = _samples->begin + fromSecond;
+    time_t end = start + kHalfHourSeconds;
+    unsigned long step = 1;
+    unsigned long sources = 0;
+    char** names = nullptr;
+    rrd_value_t* values = nullptr;
+    check(rrd_fetch_r(kRoundRobinFile, "AVERAGE", &start, &end, &step, &sources, &names, &values) ==
+              0,
+          rrd_get_error());
+    for (unsigned long source = 0; source < sources; ++source) {
+        rrd_freemem(names[source]);
+    }
+    rrd_freemem(names);
+    rrd_freemem(values);
+}
+
+SqlPeer::SqlPeer(const QString& date) : _begin(RecordedDay::midnight(date)) {
     ::unlink(kSqlFile);
     check(sqlite3_open(kSqlFile, &_database) == SQLITE_OK, "no database");
     execute(_database, "CREATE TABLE sample (time INTEGER PRIMARY KEY, value REAL, heat REAL)");
@@ -72,7 +100,7 @@ SqlPeer::SqlPeer(const QString& date) {
     sqlite3_stmt* insert = nullptr;
     sqlite3_prepare_v2(_database, "INSERT INTO sample VALUES (?, ?, 20.0)", -1, &insert, nullptr);
     for (int second = 0; second < RecordedDay::kSamples; ++second) {
-        sqlite3_bind_int64(insert, 1, RecordedDay::midnight(date) + second);
+        sqlite3_bind_int64(insert, 1, _begin + second);
         sqlite3_bind_double(insert, 2, 100 + second % 50);
         check(sqlite3_step(insert) == SQLITE_DONE, "no insert");
         sqlite3_reset(insert);
@@ -90,10 +118,18 @@ int SqlPeer::query() {
     sqlite3_stmt* select = nullptr;
     sqlite3_prepare_v2(_database, "SELECT min(time), value, heat FROM sample GROUP BY time / 900",
                        -1, &select, nullptr);
-    int rows = 0;
-    while (sqlite3_step(select) == SQLITE_ROW) {
-        ++rows;
-    }
-    check(sqlite3_finalize(select) == SQLITE_OK, "no query");
+    return countRows(select);
+}
+
+int SqlPeer::openAndQueryHalfHour(int fromSecond) {
+    sqlite3* database = nullptr;
+    check(sqlite3_open(kSqlFile, &database) == SQLITE_OK, "no database");
+    sqlite3_stmt* select = nullptr;
+    sqlite3_prepare_v2(database, "SELECT time, value FROM sample WHERE time BETWEEN ? AND ?", -1,
+                       &select, nullptr);
+    sqlite3_bind_int64(select, 1, _begin + fromSecond);
+    sqlite3_bind_int64(select, 2, _begin + fromSecond + kHalfHourSeconds - 1);
+    const int rows = countRows(select);
+    sqlite3_close(database);
     return rows;
 }
