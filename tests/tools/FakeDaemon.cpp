@@ -10,7 +10,7 @@
 namespace {
 
 bool isAllowed(const QByteArray& path) {
-    return path.startsWith("/root/data/");
+    return path.startsWith("/root/data/") || path.startsWith("/mmc");
 }
 
 QByteArray framed(const QByteArray& connection, const Message& reply) {
@@ -48,6 +48,9 @@ void FakeDaemon::serve(int milliseconds) {
     for (const FakeTransport::Sent& frame : sent) {
         if (frame.token != "Message.storage") {
             otherSent.append(frame);
+            if (onOther) {
+                onOther(frame);
+            }
             continue;
         }
         Message request;

@@ -37,6 +37,8 @@ public:
     int connects = 0;
     /// What was published on other tokens.
     QList<FakeTransport::Sent> otherSent;
+    /// Told of each of them, when it is published: other processes of the unit.
+    std::function<void(const FakeTransport::Sent& sent)> onOther;
     /// Asked for each request; before it is carried out.
     std::function<Fate(const Message& request)> fate;
     /// May spoil a reply, given with its request.

@@ -31,9 +31,19 @@ ProgramRun runProgram(std::vector<std::string> arguments, const std::string& url
 
 TEST(StoragectlProgramTest, WithoutABrokerEveryCommandEndsInTenWithinTwoSeconds) {
     const std::vector<std::vector<std::string>> commands = {
-        {"ping"}, {"ls", "/x"}, {"cat", "/x"},      {"get", "/x"},  {"put", "/etc/passwd", "/x"},
-        {"quit"}, {"rm", "/x"}, {"mv", "/x", "/y"}, {"hash", "/x"}, {"truncate", "/x", "1"},
-        {"sniff"}};
+        {"ping"},
+        {"ls", "/x"},
+        {"cat", "/x"},
+        {"get", "/x"},
+        {"put", "/etc/passwd", "/x"},
+        {"quit"},
+        {"rm", "/x"},
+        {"mv", "/x", "/y"},
+        {"hash", "/x"},
+        {"truncate", "/x", "1"},
+        {"sniff"},
+        {"thumbs", "build", "job", "2024-05-01"},
+        {"plot", "/mmc/x.gdf"}};
     for (const std::vector<std::string>& command : commands) {
         QElapsedTimer timer;
         timer.start();
@@ -55,7 +65,11 @@ TEST(StoragectlProgramTest, WrongUsageEndsInTwo) {
                                                             {"ping", "-c", "0"},
                                                             {"--timeout", "0", "ping"},
                                                             {"ls", "--no-such-option", "/x"},
-                                                            {"truncate", "/x", "-5"}};
+                                                            {"truncate", "/x", "-5"},
+                                                            {"data"},
+                                                            {"data", "dump", "/a", "/b"},
+                                                            {"thumbs", "build", "job"},
+                                                            {"plot", "--width", "5", "/x"}};
     for (const std::vector<std::string>& command : commands) {
         const ProgramRun run = runProgram(command);
         EXPECT_EQ(run.status, 2) << run.log;
@@ -75,6 +89,9 @@ TEST(StoragectlProgramTest, HelpEndsInZeroAndTellsTheExitCodes) {
     EXPECT_NE(run.log.find("130 interrupted"), std::string::npos);
     const ProgramRun put = runProgram({"put", "--help"});
     EXPECT_NE(put.log.find("modification time"), std::string::npos) << put.log;
+    const ProgramRun plot = runProgram({"plot", "--help"});
+    EXPECT_NE(plot.log.find("neither mean nor extreme"), std::string::npos) << plot.log;
+    EXPECT_NE(plot.log.find("on the unit where the path lies below"), std::string::npos);
 }
 
 TEST(StoragectlProgramTest, UnusableBusSettingsEndInSeventyEightAndAreNamed) {

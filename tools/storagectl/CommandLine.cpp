@@ -1,13 +1,14 @@
 #include "tools/storagectl/CommandLine.h"
 
-#include <CLI/CLI.hpp>
+#include "core/shared/StoragePaths.h"
+#include "tools/storagectl/RecordingCommandLine.h"
+
 #include <QJsonDocument>
 
+#include <algorithm>
 #include <cstring>
 #include <iostream>
 #include <limits>
-#include <string>
-#include <vector>
 
 namespace storagectl {
 
@@ -18,22 +19,6 @@ constexpr char kFooter[] =
     "7 refused as unsafe, 10 no broker, 11 no daemon, 78 bus settings unusable, 130 interrupted.\n"
     "The broker is taken from SCADA_BUS_URL (default mqtt://127.0.0.1:1883), the prefix of the\n"
     "unit's tokens from SCADA_BUS_PREFIX.";
-
-/// What CLI11 fills in; it knows no Qt types.
-struct Parsed {
-    std::vector<std::string> paths;
-    std::string from;
-    std::string to;
-    std::string pattern;
-    std::string localTarget;
-};
-
-CLI::App* addCommand(CLI::App& app, Options& options, Command command, const char* name,
-                     const char* help) {
-    CLI::App* sub = app.add_subcommand(name, help);
-    sub->callback([&options, command] { options.command = command; });
-    return sub;
-}
 
 CLI::App* addFilesCommand(CLI::App& app, Options& options, Parsed& parsed, Command command,
                           const char* name, const char* help) {
@@ -141,6 +126,25 @@ bool asksForJson(int argc, const char* const* argv) {
 
 }  // namespace
 
+CLI::App* addCommand(CLI::App& app, Options& options, Command command, const char* name,
+                     const char* help) {
+    CLI::App* sub = app.add_subcommand(name, help);
+    sub->callback([&options, command] { options.command = command; });
+    return sub;
+}
+
+bool Options::isOnUnit(const QByteArray& path) const {
+    const bool readsRecordings =
+        command == Command::DataInfo || command == Command::DataDump || command == Command::Plot;
+    return !readsRecordings ||
+           (!recordings.local && StoragePaths::isAllowed(QString::fromUtf8(path)));
+}
+
+bool Options::needsUnit() const {
+    const auto isRemote = [this](const QByteArray& path) { return isOnUnit(path); };
+    return paths.isEmpty() || std::any_of(paths.begin(), paths.end(), isRemote);
+}
+
 std::optional<ExitCode> parseCommandLine(int argc, const char* const* argv, Options& options) {
     try {
         CLI::App app{"Remote client of the unit's storage daemon", "storagectl"};
@@ -149,11 +153,14 @@ std::optional<ExitCode> parseCommandLine(int argc, const char* const* argv, Opti
         addReadingCommands(app, options, parsed);
         addChangingCommands(app, options, parsed);
         addBusCommands(app, options);
+        addRecordingCommands(app, options, parsed);
         try {
             app.parse(argc, argv);
             if (app.get_subcommands().empty()) {
                 throw CLI::RequiredError("A command");
             }
+            takeOver(parsed, options);
+            takeOverRecordings(parsed, options);
         } catch (const CLI::ParseError& fault) {
             const bool isHelp = fault.get_exit_code() == 0;
             if (!isHelp && asksForJson(argc, argv)) {
@@ -166,7 +173,6 @@ std::optional<ExitCode> parseCommandLine(int argc, const char* const* argv, Opti
             app.exit(fault, std::cout, std::cerr);
             return isHelp ? ExitCode::Done : ExitCode::Usage;
         }
-        takeOver(parsed, options);
     } catch (const CLI::Error& fault) {
         std::cerr << "storagectl: " << fault.what() << '\n';
         return ExitCode::Usage;

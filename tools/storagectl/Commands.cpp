@@ -49,6 +49,14 @@ ExitCode dispatch(Context& context) {
             return truncateFile(context);
         case Command::Quit:
             return quit(context);
+        case Command::DataInfo:
+            return dataInfo(context);
+        case Command::DataDump:
+            return dataDump(context);
+        case Command::Plot:
+            return plot(context);
+        case Command::ThumbsBuild:
+            return thumbsBuild(context);
         case Command::Sniff:
             break;
     }
@@ -69,7 +77,7 @@ ExitCode runSniff(PubSubInterface& bus, const Options& options, Output& output) 
 
 ExitCode runClient(PubSubInterface& bus, const Options& options, Output& output) {
     Connection connection(bus, options.timeoutSeconds * 1000);
-    const Outcome joined = connection.join();
+    const Outcome joined = options.needsUnit() ? connection.join() : Outcome::done();
     if (!joined.isDone()) {
         return couldNotJoin(output, joined);
     }
@@ -96,7 +104,7 @@ ExitCode runCommand(PubSubInterface& bus, const Options& options, Output& output
 ExitCode forEachFile(Context& context, const std::function<Outcome(const QByteArray&)>& work) {
     Tally tally;
     for (const QByteArray& path : context.options.paths) {
-        Outcome outcome = checkWireName(path);
+        Outcome outcome = context.options.isOnUnit(path) ? checkWireName(path) : Outcome::done();
         if (outcome.isDone()) {
             outcome = work(path);
         }

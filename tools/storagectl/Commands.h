@@ -31,6 +31,10 @@ ExitCode put(Context& context);
 ExitCode removeFiles(Context& context);
 ExitCode moveFile(Context& context);
 ExitCode truncateFile(Context& context);
+ExitCode dataInfo(Context& context);
+ExitCode dataDump(Context& context);
+ExitCode plot(Context& context);
+ExitCode thumbsBuild(Context& context);
 /// Runs until it is interrupted, which needs no words, or has seen enough.
 Outcome sniff(PubSubInterface& bus, const Options& options, Output& output);
 

@@ -100,6 +100,13 @@ Outcome Connection::join() {
     return outcome;
 }
 
+void Connection::listen(const QByteArrayList& tokens, Listener listener) {
+    _listener = std::move(listener);
+    for (const QByteArray& token : tokens) {
+        _bus.addWantedToken(token);
+    }
+}
+
 bool Connection::post(const Message& request) {
     QByteArray frame(kFrameBytes + request.length(), Qt::Uninitialized);
     qToLittleEndian<qint32>(_number, frame.data());
@@ -166,7 +173,13 @@ void Connection::abandon() {
 }
 
 void Connection::delivered(void* context, PubSubMessage* delivery) {
-    static_cast<Connection*>(context)->take(*delivery);
+    auto& connection = *static_cast<Connection*>(context);
+    const QByteArray token = connection._bus.tokenName(delivery->tokenId);
+    if (token == kReplies) {
+        connection.take(*delivery);
+    } else if (connection._listener) {
+        connection._listener(token, *delivery);
+    }
 }
 
 void Connection::take(const PubSubMessage& delivery) {

@@ -4,9 +4,11 @@
 #include "bus/PubSubInterface.h"
 #include "tools/storagectl/Outcome.h"
 
+#include <QByteArrayList>
 #include <QtGlobal>
 
 #include <deque>
+#include <functional>
 
 namespace storagectl {
 
@@ -35,6 +37,9 @@ Outcome joinBus(PubSubInterface& bus, PubSubCallback callback, void* context);
 /// late replies to the old one are nobody's. The bus belongs to the caller.
 class Connection {
 public:
+    /// Told of each delivery on the tokens that `listen` named.
+    using Listener = std::function<void(const QByteArray& token, const PubSubMessage& delivery)>;
+
     struct Answered {
         Answer answer = Answer::Unfit;
         Message request;
@@ -47,6 +52,9 @@ public:
 
     /// As `joinBus`, and wants the replies.
     Outcome join();
+
+    /// Wants these tokens too, from all processes of the unit. Called from inside every wait.
+    void listen(const QByteArrayList& tokens, Listener listener);
 
     /// Sends a request. False where there is no broker; `next` says so then.
     bool post(const Message& request);
@@ -79,6 +87,7 @@ private:
     int _number = 0;
     quint32 _lostConnections = 0;
     bool _hasAnswered = false;
+    Listener _listener;
     std::deque<Message> _underWay;
     std::deque<Answered> _answered;
 };

@@ -7,6 +7,7 @@
 #include <unistd.h>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace storagectl {
 
@@ -21,6 +22,22 @@ Outcome localFailure(const QByteArray& path, const QString& what) {
                             QString("%1: %2: %3").arg(text(path), what, std::strerror(errno)));
 }
 
+Outcome openLocalFile(const QByteArray& path, int& descriptor) {
+    // A FIFO without a writer would block the open for ever.
+    descriptor = ::open(path.constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    struct stat status = {};
+    if (descriptor >= 0 && ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)) {
+        return Outcome::done();
+    }
+    const Outcome outcome =
+        descriptor < 0 ? localFailure(path, "cannot be opened")
+                       : Outcome::failure(ExitCode::LocalFile, text(path) + ": not a regular file");
+    if (descriptor >= 0) {
+        ::close(std::exchange(descriptor, -1));
+    }
+    return outcome;
+}
+
 LocalSource::~LocalSource() {
     if (_descriptor >= 0) {
         ::close(_descriptor);
@@ -29,14 +46,13 @@ LocalSource::~LocalSource() {
 
 Outcome LocalSource::open(const QByteArray& path) {
     _path = path;
-    // A FIFO without a writer would block the open for ever.
-    _descriptor = ::open(path.constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    const Outcome outcome = openLocalFile(path, _descriptor);
     struct stat status = {};
-    if (_descriptor < 0 || ::fstat(_descriptor, &status) != 0) {
-        return localFailure(path, "cannot be opened");
+    if (!outcome.isDone()) {
+        return outcome;
     }
-    if (!S_ISREG(status.st_mode)) {
-        return Outcome::failure(ExitCode::LocalFile, text(path) + ": not a regular file");
+    if (::fstat(_descriptor, &status) != 0) {
+        return localFailure(path, "cannot be opened");
     }
     if (status.st_size > FileService::kLargestFileBytes) {
         return tooLargeFor(path);

@@ -36,6 +36,9 @@ private:
     timespec _modified = {};
 };
 
+/// Opens a regular file for reading only; the descriptor is the caller's. LocalFile if it fails.
+Outcome openLocalFile(const QByteArray& path, int& descriptor);
+
 /// "<path>: <what>: <the system's reason>", as a LocalFile failure.
 Outcome localFailure(const QByteArray& path, const QString& what);
 

@@ -22,6 +22,11 @@ bool turnsDirection(QChar letter) {
     return (code >= 0x202A && code <= 0x202E) || (code >= 0x2066 && code <= 0x2069);
 }
 
+QString withOffset(const QDateTime& time) {
+    const QString text = time.toOffsetFromUtc(time.offsetFromUtc()).toString(Qt::ISODate);
+    return text.endsWith('Z') ? text.chopped(1) + "+00:00" : text;
+}
+
 }  // namespace
 
 Output::Output(int dataDescriptor, int talkDescriptor, Style style)
@@ -175,12 +180,11 @@ QString humanSize(qint64 bytes) {
 }
 
 QString isoTime(qint64 seconds) {
-    if (seconds < 0) {
-        return "-";
-    }
-    const QDateTime local = QDateTime::fromSecsSinceEpoch(seconds);
-    const QString time = local.toOffsetFromUtc(local.offsetFromUtc()).toString(Qt::ISODate);
-    return time.endsWith('Z') ? time.chopped(1) + "+00:00" : time;
+    return seconds < 0 ? "-" : withOffset(QDateTime::fromSecsSinceEpoch(seconds));
+}
+
+QString isoTime(qint64 seconds, const QTimeZone& zone) {
+    return withOffset(QDateTime::fromSecsSinceEpoch(seconds, zone));
 }
 
 }  // namespace storagectl

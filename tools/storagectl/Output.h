@@ -5,6 +5,7 @@
 #include <QByteArray>
 #include <QJsonObject>
 #include <QString>
+#include <QTimeZone>
 
 namespace storagectl {
 
@@ -81,5 +82,7 @@ QString escaped(const QString& text);
 QString humanSize(qint64 bytes);
 /// Local time with its offset from UTC; "-" where it is not known (-1).
 QString isoTime(qint64 seconds);
+/// The same in a zone.
+QString isoTime(qint64 seconds, const QTimeZone& zone);
 
 }  // namespace storagectl

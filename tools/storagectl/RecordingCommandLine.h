@@ -1,0 +1,37 @@
+#pragma once
+
+#include "tools/storagectl/CommandLine.h"
+
+#include <CLI/CLI.hpp>
+
+#include <string>
+#include <vector>
+
+namespace storagectl {
+
+/// What CLI11 fills in; it knows no Qt types.
+struct Parsed {
+    std::vector<std::string> paths;
+    std::string from;
+    std::string to;
+    std::string pattern;
+    std::string localTarget;
+    std::string zone = "UTC";
+    std::vector<std::string> types;
+    std::vector<std::string> values;
+    std::string fromTime;
+    std::string toTime;
+    std::string svgTarget;
+    std::string job;
+    std::string days;
+};
+
+CLI::App* addCommand(CLI::App& app, Options& options, Command command, const char* name,
+                     const char* help);
+
+/// data info, data dump, plot and thumbs build.
+void addRecordingCommands(CLI::App& app, Options& options, Parsed& parsed);
+/// Throws a CLI::ParseError for a zone, a time or a day that is none.
+void takeOverRecordings(const Parsed& parsed, Options& options);
+
+}  // namespace storagectl
