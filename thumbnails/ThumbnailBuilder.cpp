@@ -106,26 +106,33 @@ bool ThumbnailManager::createThumb(const QString& month, const DataFile& source,
     // thumbnail file that nobody can read.
     const QByteArray place = QFile::encodeName(thumb.fileName());
     const QByteArray beside = place + ".new";
-    if (!RegularFile::open(thumb, QFile::decodeName(beside),
-                           QIODevice::ReadWrite | QIODevice::Truncate)) {
+    QFile made;
+    if (!RegularFile::open(made, QFile::decodeName(beside),
+                           QIODevice::WriteOnly | QIODevice::Truncate)) {
         DebugText::send(_debug, "failed to create thumbnail file!");
         return false;
     }
     header =
         QByteArray(source.header(), usableHeaderSize(static_cast<quint32>(source.headerSize())));
     setField(header.data(), kCreatedOffset, ThumbnailLayout::monthStart(month));
-    if (thumb.write(header) < header.size() || !putInPlace(thumb.handle(), beside, place)) {
+    if (made.write(header) < header.size() || !putInPlace(made.handle(), beside, place)) {
         DebugText::send(_debug, "failed to write thumbnail file!");
         ::unlink(beside.constData());
+        return false;
+    }
+    return openInPlace(thumb) && thumb.seek(header.size());
+}
+
+bool ThumbnailManager::openInPlace(QFile& thumb) {
+    if (!RegularFile::openNamed(thumb, QIODevice::ReadWrite | QIODevice::ExistingOnly)) {
+        DebugText::send(_debug, "failed to open thumbnail file!");
         return false;
     }
     return true;
 }
 
 bool ThumbnailManager::openThumb(QFile& thumb, QByteArray& header) {
-    const QString name = thumb.fileName();
-    if (!RegularFile::open(thumb, name, QIODevice::ReadWrite | QIODevice::ExistingOnly)) {
-        DebugText::send(_debug, "failed to open thumbnail file!");
+    if (!openInPlace(thumb)) {
         return false;
     }
     header = thumb.read(kFixedHeaderBytes);

@@ -21,7 +21,7 @@ class ThumbnailManager : public QObject {
     Q_OBJECT
 
 public:
-    explicit ThumbnailManager(QObject* parent);
+    explicit ThumbnailManager(QObject* parent = nullptr);
 
     /// Where thumbnail files are written ("/root/data" at first) and where the day's data files
     /// are read ("/mmc").
@@ -80,6 +80,7 @@ private:
     bool createThumb(const QString& month, const DataFile& source, QFile& thumb,
                      QByteArray& header);
     bool openThumb(QFile& thumb, QByteArray& header);
+    bool openInPlace(QFile& thumb);
 
     QString _rootFolder;
     QString _archiveFolder;

@@ -92,4 +92,16 @@ bool open(QFile& file, const QString& filename, QIODevice::OpenMode flags) {
     return true;
 }
 
+bool openNamed(QFile& file, QIODevice::OpenMode flags) {
+    if (leadsToSomethingElse(QFile::encodeName(file.fileName())) ||
+        !file.open(flags | QIODevice::Unbuffered)) {
+        return false;
+    }
+    if (!isStoredFile(file.handle())) {
+        file.close();
+        return false;
+    }
+    return true;
+}
+
 }  // namespace RegularFile

@@ -16,4 +16,9 @@ namespace RegularFile {
 /// nothing is logged. Afterwards `file` knows its descriptor, not its name.
 bool open(QFile& file, const QString& filename, QIODevice::OpenMode flags);
 
+/// The same for a file that bears its name already and keeps it, so that its owner can close it
+/// and open it again. For folders that the daemon itself writes only: between the look at the name
+/// and the open nothing guards against another thing in its place.
+bool openNamed(QFile& file, QIODevice::OpenMode flags);
+
 }  // namespace RegularFile

@@ -118,6 +118,10 @@ TEST_F(RegularFileTest, NothingButARegularFileIsOpened) {
                                            QIODevice::OpenMode::fromInt(flags)))
                 << name << flags;
             EXPECT_FALSE(file.isOpen());
+            QFile named("/root/data/" + QString::fromLatin1(name));
+            EXPECT_FALSE(RegularFile::openNamed(named, QIODevice::OpenMode::fromInt(flags)))
+                << name << flags;
+            EXPECT_FALSE(named.isOpen());
         }
     }
     ::close(socket);
@@ -171,6 +175,21 @@ TEST_F(RegularFileTest, AWriteIsInTheKernelWhenItReturns) {
     ASSERT_TRUE(RegularFile::open(file, kMissing, QIODevice::WriteOnly));
     ASSERT_EQ(file.write("abc"), 3);
     EXPECT_EQ(readTestFile(kMissing), "abc");
+}
+
+TEST_F(RegularFileTest, ANamedFileKeepsItsNameAndOpensAgain) {
+    QFile file(kMissing);
+    EXPECT_FALSE(RegularFile::openNamed(file, QIODevice::ReadWrite | QIODevice::ExistingOnly));
+    EXPECT_EQ(readTestFile(kMissing), "(missing)");
+    for (const char* contents : {"a", "ab"}) {
+        ASSERT_TRUE(RegularFile::openNamed(file, QIODevice::WriteOnly | QIODevice::Append));
+        EXPECT_EQ(file.fileName(), kMissing);
+        ASSERT_EQ(file.write(contents + file.size(), 1), 1);
+        EXPECT_EQ(readTestFile(kMissing), contents) << "in the kernel";
+        EXPECT_EQ(::fcntl(file.handle(), F_GETFD), FD_CLOEXEC);
+        file.close();
+    }
+    EXPECT_TRUE(warnings.lines().isEmpty());
 }
 
 TEST_F(RegularFileTest, UnusableNamesFail) {
