@@ -29,7 +29,10 @@ void FakeTransport::setBrokerPresent(bool present) {
 }
 
 void FakeTransport::deliver(const QByteArray& token, const QByteArray& payload) {
-    const bool wanted = _subscriptions.contains(topicOf(token)) || _subscriptions.contains("#");
+    const QByteArray topic = topicOf(token);
+    const QByteArray branch = topic.left(topic.lastIndexOf('/') + 1) + '+';
+    const bool wanted = _subscriptions.contains(topic) || _subscriptions.contains(branch) ||
+                        _subscriptions.contains("#");
     if (_state == State::Connected && wanted) {
         _incoming.append({token, payload});
     }

@@ -189,8 +189,8 @@ void PubSubInterface::subscribeWanted() {
     for (const QByteArray& name : names) {
         _transport->subscribe(_tokens.topicOf(name));
     }
-    if (_wantsEverything) {
-        _transport->subscribe(_tokens.everything());
+    for (const std::string& filter : _filters) {
+        _transport->subscribe(filter);
     }
 }
 

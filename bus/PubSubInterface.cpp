@@ -96,8 +96,16 @@ void PubSubInterface::removeWantedToken(const QByteArray& name) {
 }
 
 void PubSubInterface::wantEverything() {
-    _wantsEverything = true;
-    _transport->subscribe(_tokens.everything());
+    wantFilter(_tokens.everything());
+}
+
+void PubSubInterface::wantBranch(QByteArrayView name) {
+    wantFilter(_tokens.below(name));
+}
+
+void PubSubInterface::wantFilter(const std::string& filter) {
+    _filters.push_back(filter);
+    _transport->subscribe(filter);
 }
 
 int PubSubInterface::findToken(QByteArrayView name) const {
@@ -204,7 +212,7 @@ void PubSubInterface::wake() {
 }
 
 void PubSubInterface::delivered(const char* topic, const void* payload, int length) {
-    const int tokenId = _wantsEverything ? _tokens.findOrAddTopic(topic) : _tokens.findTopic(topic);
+    const int tokenId = _filters.empty() ? _tokens.findTopic(topic) : _tokens.findOrAddTopic(topic);
     if (tokenId < 0) {
         return;
     }

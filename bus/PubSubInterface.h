@@ -12,6 +12,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 /// An I/O scheduling class, with the system's numbers.
 enum class IOPriority { Unchanged = 0, RealTime = 1, BestEffort = 2, Idle = 3 };
@@ -47,6 +48,8 @@ public:
     void removeWantedToken(const QByteArray& name);
     /// Subscribes to every token below the prefix.
     void wantEverything();
+    /// Subscribes to every token one step below `name`: for "a.b" those like "a.b.c".
+    void wantBranch(QByteArrayView name);
 
     /// The number of a wanted token, -1 where it is not wanted. Numbers are not used again.
     int findToken(QByteArrayView name) const;
@@ -114,6 +117,7 @@ private:
     bool connectNow(int milliseconds, bool insist);
     bool connectToSend();
     bool waitForRoom(std::size_t bytesAllowed);
+    void wantFilter(const std::string& filter);
 
     std::unique_ptr<Transport> _transport;
     TokenTable _tokens{std::string()};
@@ -128,7 +132,7 @@ private:
     quint32 _lostConnections = 0;
     quint32 _droppedSends = 0;
     unsigned _generation;
-    bool _wantsEverything = false;
+    std::vector<std::string> _filters;  ///< topic filters besides the wanted tokens
     bool _outageLogged = false;
     bool _listens = true;  ///< false in a forked child until it rejoins
     bool _isChild = false;

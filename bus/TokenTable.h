@@ -20,6 +20,8 @@ public:
     std::string topicOf(QByteArrayView name) const;
     /// The topic filter of everything below the prefix.
     std::string everything() const { return _prefix + "#"; }
+    /// The topic filter of everything one step below a name.
+    std::string below(QByteArrayView name) const { return topicOf(name) + "/+"; }
 
     /// Counts one more wish for a token. True if it is the first.
     bool want(const QByteArray& name);
@@ -32,7 +34,7 @@ public:
     QByteArray nameOf(int id) const;
     /// The number of a delivery's topic, -1 where it is not wanted.
     int findTopic(const char* topic) const;
-    /// The same for a process that listens to everything: unknown tokens get a number.
+    /// The same for a process that listens by filters: unknown tokens get a number.
     int findOrAddTopic(const char* topic);
 
     QList<QByteArray> names() const { return _names.values(); }

@@ -300,6 +300,17 @@ TEST_F(PubSubInterfaceTest, EverythingBelowThePrefixCanBeWanted) {
     EXPECT_EQ(deliveries, (QList<Delivery>{{"x.y", "1"}, {"z", "2"}}));
 }
 
+TEST_F(PubSubInterfaceTest, EverythingOneStepBelowANameCanBeWanted) {
+    bus->wantBranch("x.y");
+    transport->deliver("x.y.1", "1");
+    transport->deliver("x.y", "2");
+    transport->deliver("x.y.1.2", "3");
+    transport->deliver("x.z.1", "4");
+    transport->deliver("x.y.2", "5");
+    bus->readWaitingMessages(25'000);
+    EXPECT_EQ(deliveries, (QList<Delivery>{{"x.y.1", "1"}, {"x.y.2", "5"}}));
+}
+
 TEST_F(PubSubInterfaceTest, LeavingHandsOverWhatIsQueued) {
     transport->brokerReads = false;
     bus->sendToken("t", "last", 4);

@@ -32,19 +32,6 @@ struct RoundTrips {
     double average() const { return received == 0 ? 0 : sum / received; }
 };
 
-Answer pingOnce(FileService& files, double& milliseconds) {
-    Message request;
-    request.construct(MESSAGE_FILE_CLOSE, "i", kNoHandle);
-    Message reply;
-    QElapsedTimer timer;
-    timer.start();
-    const Answer answer = files.connection().ask(request, reply);
-    milliseconds = static_cast<double>(timer.nsecsElapsed()) / 1e6;
-    // Refused is the answer to be had; what matters is that one came.
-    const bool answered = answer == Answer::Refused || answer == Answer::Success;
-    return answered ? Answer::Success : answer;
-}
-
 void pause(PubSubInterface& bus) {
     const quint32 start = Clock::ticks();
     while (Clock::ticks() - start < kPingPauseMilliseconds && !Interrupt::requested()) {
@@ -73,6 +60,19 @@ void report(Output& output, const RoundTrips& trips) {
 }
 
 }  // namespace
+
+Answer pingOnce(FileService& files, double& milliseconds) {
+    Message request;
+    request.construct(MESSAGE_FILE_CLOSE, "i", kNoHandle);
+    Message reply;
+    QElapsedTimer timer;
+    timer.start();
+    const Answer answer = files.connection().ask(request, reply);
+    milliseconds = static_cast<double>(timer.nsecsElapsed()) / 1e6;
+    // Refused is the answer to be had; what matters is that one came.
+    const bool answered = answer == Answer::Refused || answer == Answer::Success;
+    return answered ? Answer::Success : answer;
+}
 
 ExitCode ping(Context& context) {
     Output& output = context.output;

@@ -1,6 +1,7 @@
 #include "tools/storagectl/CommandLine.h"
 
 #include "core/shared/StoragePaths.h"
+#include "tools/storagectl/HistoryCommandLine.h"
 #include "tools/storagectl/RecordingCommandLine.h"
 
 #include <QJsonDocument>
@@ -154,6 +155,7 @@ std::optional<ExitCode> parseCommandLine(int argc, const char* const* argv, Opti
         addChangingCommands(app, options, parsed);
         addBusCommands(app, options);
         addRecordingCommands(app, options, parsed);
+        addHistoryCommands(app, options, parsed);
         try {
             app.parse(argc, argv);
             if (app.get_subcommands().empty()) {
@@ -161,6 +163,7 @@ std::optional<ExitCode> parseCommandLine(int argc, const char* const* argv, Opti
             }
             takeOver(parsed, options);
             takeOverRecordings(parsed, options);
+            takeOverHistory(parsed, options);
         } catch (const CLI::ParseError& fault) {
             const bool isHelp = fault.get_exit_code() == 0;
             if (!isHelp && asksForJson(argc, argv)) {

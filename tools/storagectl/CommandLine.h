@@ -1,5 +1,6 @@
 #pragma once
 
+#include "tools/storagectl/HistoryOptions.h"
 #include "tools/storagectl/Output.h"
 #include "tools/storagectl/RecordSelection.h"
 
@@ -27,7 +28,9 @@ enum class Command {
     DataInfo,
     DataDump,
     ThumbsBuild,
-    Plot
+    Plot,
+    Lookup,
+    Replay
 };
 
 /// What data and plot make of recordings.
@@ -65,6 +68,8 @@ struct Options {
     int count = 0;           ///< ping and sniff; 0 is without end
     RecordingOptions recordings;
     ThumbsOptions thumbs;
+    LookupOptions lookup;
+    ReplayOptions replay;
 
     /// Whether a path is the unit's: always, but for recordings, of which local ones are read too.
     bool isOnUnit(const QByteArray& path) const;

@@ -57,6 +57,10 @@ ExitCode dispatch(Context& context) {
             return plot(context);
         case Command::ThumbsBuild:
             return thumbsBuild(context);
+        case Command::Lookup:
+            return lookup(context);
+        case Command::Replay:
+            return replay(context);
         case Command::Sniff:
             break;
     }

@@ -35,6 +35,10 @@ ExitCode dataInfo(Context& context);
 ExitCode dataDump(Context& context);
 ExitCode plot(Context& context);
 ExitCode thumbsBuild(Context& context);
+ExitCode lookup(Context& context);
+ExitCode replay(Context& context);
+/// One round trip through the file service: Success where any answer came.
+Answer pingOnce(FileService& files, double& milliseconds);
 /// Runs until it is interrupted, which needs no words, or has seen enough.
 Outcome sniff(PubSubInterface& bus, const Options& options, Output& output);
 

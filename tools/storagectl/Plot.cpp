@@ -62,6 +62,9 @@ QString Plot::span() const {
 }
 
 QStringList Plot::captions() const {
+    if (!note.isEmpty()) {
+        return {note};
+    }
     const auto isThumbnail = [](const PlotPanel& panel) { return panel.isThumbnail; };
     QStringList captions;
     if (std::any_of(panels.begin(), panels.end(), isThumbnail)) {

@@ -48,6 +48,7 @@ struct Plot {
     qint64 to = 0;
     QTimeZone zone = QTimeZone::utc();
     QList<PlotPanel> panels;
+    QString note = {};  ///< what the columns stand for, where they are no recording's
 
     /// The same for every panel.
     qint64 columnCount() const {

@@ -11,26 +11,9 @@
 #include <QFileInfo>
 #include <QSaveFile>
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 namespace storagectl {
 
 namespace {
-
-constexpr int kUsualWidth = 80;
-constexpr int kRowsOfOnePanel = 16;
-constexpr int kRowsOfEachPanel = 8;
-
-int widthFor(const Options& options) {
-    if (options.recordings.width > 0) {
-        return options.recordings.width;
-    }
-    winsize size = {};
-    const bool isKnown = ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-    return isKnown ? qBound(TerminalPlot::kNarrowest, int{size.ws_col}, TerminalPlot::kWidest)
-                   : kUsualWidth;
-}
 
 Outcome take(std::unique_ptr<Recording> recording, const RecordSelection& selection,
              PlotSources& sources) {
@@ -133,10 +116,10 @@ Outcome writeSvg(Context& context, const Plot& plot) {
 }
 
 void drawOnTerminal(Context& context, const PlotSources& sources, qint64 from, qint64 to) {
-    const int width = widthFor(context.options);
+    const int width = TerminalPlot::widthFor(context.options.recordings.width);
     const Plot plot =
         sources.plot(from, to, TerminalPlot::columnsFor(width), context.options.recordings.zone);
-    const int rows = plot.panels.size() == 1 ? kRowsOfOnePanel : kRowsOfEachPanel;
+    const int rows = TerminalPlot::rowsFor(plot.panels.size());
     for (const QString& line : TerminalPlot::draw(plot, width, rows)) {
         context.output.line(line);
     }

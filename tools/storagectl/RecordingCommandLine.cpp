@@ -35,14 +35,6 @@ void addSelection(CLI::App* sub, Parsed& parsed) {
     sub->add_option("--to", parsed.toTime, "Last time: a day to its end, or YYYY-MM-DDTHH:MM:SS");
 }
 
-QDate dayOf(const std::string& text) {
-    const QDate day = QDate::fromString(QString::fromStdString(text), "yyyy-MM-dd");
-    if (!day.isValid()) {
-        throw CLI::ValidationError(text, "is no day; one is written as 2024-05-01");
-    }
-    return day;
-}
-
 qint64 timeOf(const std::string& given, const QTimeZone& zone, bool isEnd) {
     const QString text = QString::fromStdString(given);
     if (!text.contains('T')) {
@@ -74,13 +66,24 @@ void takeOverDays(const Parsed& parsed, ThumbsOptions& thumbs) {
     if (thumbs.to < thumbs.from || thumbs.from.daysTo(thumbs.to) >= kMostDays) {
         throw CLI::ValidationError(parsed.days, "is no row of 1 to 3660 days");
     }
-    const bool leadsAway = thumbs.job.contains('/') || thumbs.job == "." || thumbs.job == "..";
-    if (leadsAway || thumbs.job.isEmpty()) {
+    if (!isJobName(thumbs.job)) {
         throw CLI::ValidationError(parsed.job, "is no job: it is the name of a folder");
     }
 }
 
 }  // namespace
+
+QDate dayOf(const std::string& text) {
+    const QDate day = QDate::fromString(QString::fromStdString(text), "yyyy-MM-dd");
+    if (!day.isValid()) {
+        throw CLI::ValidationError(text, "is no day; one is written as 2024-05-01");
+    }
+    return day;
+}
+
+bool isJobName(const QByteArray& job) {
+    return !job.isEmpty() && !job.contains('/') && job != "." && job != "..";
+}
 
 void addRecordingCommands(CLI::App& app, Options& options, Parsed& parsed) {
     CLI::App* data = addGroup(app, "data", "What is in recordings and thumbnail files");

@@ -24,10 +24,17 @@ struct Parsed {
     std::string svgTarget;
     std::string job;
     std::string days;
+    std::vector<std::string> gauges;
+    std::vector<std::string> channels;
 };
 
 CLI::App* addCommand(CLI::App& app, Options& options, Command command, const char* name,
                      const char* help);
+
+/// Throws a CLI::ValidationError for what is no "yyyy-MM-dd".
+QDate dayOf(const std::string& text);
+/// Whether a job is the name of a folder, and leads to no other.
+bool isJobName(const QByteArray& job);
 
 /// data info, data dump, plot and thumbs build.
 void addRecordingCommands(CLI::App& app, Options& options, Parsed& parsed);

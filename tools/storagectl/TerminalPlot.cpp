@@ -3,6 +3,8 @@
 #include "tools/storagectl/BrailleCanvas.h"
 #include "tools/storagectl/PlotAxis.h"
 
+#include <sys/ioctl.h>
+#include <unistd.h>
 #include <cmath>
 
 namespace storagectl::TerminalPlot {
@@ -16,6 +18,9 @@ constexpr int kLabelCharacters = 9;
 constexpr int kGutterCharacters = kLabelCharacters + 2;
 constexpr int kCharactersATimeMark = 14;
 constexpr int kRowsAValueMark = 4;
+constexpr int kUsualWidth = 80;
+constexpr int kRowsOfOnePanel = 16;
+constexpr int kRowsOfEachPanel = 8;
 
 /// Where values stand among the dots.
 struct Scale {
@@ -86,6 +91,19 @@ QStringList timeLines(const Plot& plot, int width) {
 }
 
 }  // namespace
+
+int widthFor(int wanted) {
+    if (wanted > 0) {
+        return wanted;
+    }
+    winsize size = {};
+    const bool isKnown = ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    return isKnown ? qBound(kNarrowest, int{size.ws_col}, kWidest) : kUsualWidth;
+}
+
+int rowsFor(qsizetype panels) {
+    return panels == 1 ? kRowsOfOnePanel : kRowsOfEachPanel;
+}
 
 int columnsFor(int width) {
     return 2 * (width - kGutterCharacters);

@@ -9,6 +9,11 @@ namespace storagectl::TerminalPlot {
 inline constexpr int kNarrowest = 30;
 inline constexpr int kWidest = 1000;
 
+/// The width asked for, or where that is 0 the terminal's.
+int widthFor(int wanted);
+/// Rows for each of so many panels.
+int rowsFor(qsizetype panels);
+
 /// Columns that a plot of `width` characters wants.
 int columnsFor(int width);
 
