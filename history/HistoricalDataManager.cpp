@@ -36,9 +36,17 @@ enum Answer { End = 0, GaugeValues = 1 };
 /// KEPT: values are logged under this name; whoever follows them looks for it.
 constexpr DebugTextTarget kValueLog("MODBUSManager");
 
+/// Invalid unless both the date and the time are valid: joined, an invalid time becomes midnight.
 QDateTime startOf(const QString& date, const QString& time) {
-    return QDateTime(QDate::fromString(date, kDateFormat), QTime::fromString(time, kTimeFormat),
-                     Qt::UTC);
+    const QTime timeOfDay = QTime::fromString(time, kTimeFormat);
+    if (!timeOfDay.isValid()) {
+        return QDateTime();
+    }
+    return QDateTime(QDate::fromString(date, kDateFormat), timeOfDay, Qt::UTC);
+}
+
+QString dayAfter(const QString& date) {
+    return QDate::fromString(date, kDateFormat).addDays(1).toString(kDateFormat);
 }
 
 /// Where the gauge's file of that day is: internal storage comes first. Empty where it is nowhere.
@@ -71,8 +79,10 @@ void HistoricalDataManager::enterChild() {
 void HistoricalDataManager::lookup(const QString& archiveFolder, int valueSelector, int requestTag,
                                    const QString& date, const QString& time,
                                    const QString& gaugeList) {
-    ChildPool& pool = startOf(date, time).isValid() ? ChildPools::g_lookupsAndListings
-                                                    : ChildPools::g_invalidLookups;
+    // Parsed here, once: the code that does it would be loaded into each child anew.
+    const QDateTime start = startOf(date, time);
+    ChildPool& pool =
+        start.isValid() ? ChildPools::g_lookupsAndListings : ChildPools::g_invalidLookups;
     pool.run([=, this] {
         enterChild();
         _archiveFolder = archiveFolder;
@@ -80,16 +90,14 @@ void HistoricalDataManager::lookup(const QString& archiveFolder, int valueSelect
         _requestTag = requestTag;
         _dateString = date;
         _timeString = time;
-        lookupGauges(gaugeList);
+        if (start.isValid()) {
+            _startTime = static_cast<quint32>(start.toSecsSinceEpoch());
+            lookupGauges(gaugeList);
+        }
     });
 }
 
 void HistoricalDataManager::lookupGauges(const QString& gaugeList) {
-    const QDateTime start = startOf(_dateString, _timeString);
-    if (!start.isValid()) {
-        return;
-    }
-    _startTime = static_cast<quint32>(start.toSecsSinceEpoch());
     int index = 0;
     for (const QString& gauge : gaugeList.split(QLatin1Char('\n'))) {
         lookupGauge(index++, gauge);
@@ -103,16 +111,15 @@ void HistoricalDataManager::lookupGauges(const QString& gaugeList) {
 void HistoricalDataManager::lookupGauge(int gaugeIndex, const QString& gauge) {
     _history.clear();
     _history.setStartTimestamp(_startTime);
-    QDate day = QDate::fromString(_dateString, kDateFormat);
     DataFile file(QStringLiteral("lookup"));
     for (int i = 0; i < kDays && !_history.isFull(); ++i) {
-        const QString path = gaugeFile(_archiveFolder, day.toString(kDateFormat), gauge);
+        const QString path =
+            gaugeFile(_archiveFolder, i == 0 ? _dateString : dayAfter(_dateString), gauge);
         if (path.isEmpty() || !file.open(path, kOpenMode)) {
             break;
         }
         lookupRecords(gaugeIndex, file);
         file.close();
-        day = day.addDays(1);
     }
     const int count = std::min(MnemonicHistory::kSlots, _history.count());
     std::array<float, MnemonicHistory::kSlots> oldestFirst;

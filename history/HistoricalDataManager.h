@@ -57,6 +57,8 @@ public:
         int jobId = 0;
         QString requester;
         QString startString;  ///< "yyyyMMddhhmmss", local time
+        /// KEPT: from the creation on, so that the first block of a job that is continued late has
+        /// little time left, or none.
         quint32 ackTicks = 0;
         quint32 continuedTicks = 0;
         quint32 startTime = 0;

@@ -47,6 +47,8 @@ constexpr DayFolder kDayFolders[] = {
     {StoragePaths::kDataRoot, "gaugecards", FileEntry::GaugeCard, "rawData.gdf"},
 };
 
+/// KEPT: the archive folder is a lookup's too, and so empty in a worker: what is replayed are the
+/// days right below the roots.
 QString pathOf(const DayFolder& folder, const QString& archiveFolder) {
     return QStringLiteral("%1/%2/%3")
         .arg(QLatin1StringView(folder.root), archiveFolder, QLatin1StringView(folder.name));
@@ -153,7 +155,10 @@ void HistoricalDataManager::becomeWorker(const QString& requester, const QString
     job->startString = start;
     job->ackTicks = job->continuedTicks = Clock::ticks();
     // Before the job is announced: the answer may come at once.
-    PubSubInterface::instance()->rejoin();
+    if (!PubSubInterface::instance()->rejoin()) {
+        DebugText::send(_debug, "no bus for the replay worker");
+        ForkedChild::end();
+    }
     Message created;
     created.construct(kCommandJobCreated, "i", job->jobId);
     sendMessage(created);

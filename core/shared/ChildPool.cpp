@@ -5,6 +5,10 @@
 #include "core/shared/ReapedChildren.h"
 #include "core/shared/Tokens.h"
 
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+
 void ChildPool::run(const Work& work) {
     if (_waiting.isEmpty() && hasRoom()) {
         start(work);
@@ -29,11 +33,16 @@ void ChildPool::forget() {
     _waiting.clear();
 }
 
+/// Only the last children that were reaped are known. One that ended long ago is found by its pid,
+/// which nobody has any more; where another process has it by now, when that one ends too.
+bool ChildPool::hasEnded(const Child& child) {
+    int status = 0;
+    return ReapedChildren::find(child.pid, child.reapedBefore, status) ||
+           (kill(child.pid, 0) != 0 && errno == ESRCH);
+}
+
 bool ChildPool::hasRoom() {
-    _running.removeIf([](const Child& child) {
-        int status = 0;
-        return ReapedChildren::find(child.pid, child.reapedBefore, status);
-    });
+    _running.removeIf(hasEnded);
     return _running.size() < _maximumRunning;
 }
 
@@ -53,7 +62,7 @@ void ChildPool::start(const Work& work) {
         work();
     } catch (...) {
         DebugText::send(Tokens::kClientName, "no memory in a child");
-        ForkedChild::end();
+        ForkedChild::end(EXIT_FAILURE);
     }
 }
 

@@ -32,6 +32,7 @@ private:
         unsigned reapedBefore;
     };
 
+    static bool hasEnded(const Child& child);
     bool hasRoom();
     void start(const Work& work);
 
@@ -44,7 +45,7 @@ private:
 /// The daemon's children other than that of the thumbnails, which are one at a time anyway.
 namespace ChildPools {
 
-/// Lookups and file listings: short, and answered in the order of their requests.
+/// Lookups and file listings: short, and begun in the order of their requests.
 extern ChildPool g_lookupsAndListings;
 /// Children of lookups without a valid time, which do nothing until they end.
 extern ChildPool g_invalidLookups;

@@ -20,5 +20,6 @@ inline constexpr char kConnectionManager[] = "ConnectionManager.to";
 inline constexpr char kNotificationAdd[] = "Notification.add";
 inline constexpr char kNotificationUpdate[] = "Notification.update";
 inline constexpr char kNotificationDelete[] = "Notification.delete";
+inline constexpr char kRestartApplication[] = "System.restartApplication";
 
 }  // namespace Tokens

@@ -5,9 +5,11 @@
 #include "core/Dispatch.h"
 #include "core/RunState.h"
 #include "core/ThumbnailSchedule.h"
+#include "core/shared/ChildPool.h"
 #include "core/shared/MessageQueue.h"
 #include "core/shared/Replies.h"
 #include "filesystem/Filesystem.h"
+#include "history/HistoricalDataManager.h"
 #include "jobs/RemoteJobManager.h"
 #include "tests/core/FakeThumbnails.h"
 #include "tests/support/FakeBus.h"
@@ -38,6 +40,7 @@ protected:
         std::strcpy(g_szOurPubSubToken, "Message.ExtProc.from.1");
         g_ThumbnailManager = new ThumbnailManager(nullptr);
         g_pFilesystem = new Filesystem(nullptr);
+        g_pHistoricalDataManager = new HistoricalDataManager(nullptr);
         g_remoteManager = new RemoteJobManager();
         setDrainHooks({processMessage, [] { return g_remoteManager->lastActivity(); }});
         g_lastJobActivity = 0;
@@ -53,11 +56,14 @@ protected:
         dropWaitingMessages();
         delete g_remoteManager;
         g_remoteManager = nullptr;
+        delete g_pHistoricalDataManager;
+        g_pHistoricalDataManager = nullptr;
         delete g_pFilesystem;
         g_pFilesystem = nullptr;
         delete g_ThumbnailManager;
         g_ThumbnailManager = nullptr;
         ThumbnailSchedule::forget();
+        ChildPools::forget();
         g_quit = false;
     }
 

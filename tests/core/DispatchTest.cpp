@@ -1,5 +1,10 @@
+#include "datafile/MemoryCache.h"
 #include "filesystem/FileProtocol.h"
 #include "tests/core/DaemonFixture.h"
+#include "tests/support/Files.h"
+#include "tests/support/ForkObserver.h"
+#include "tests/support/ForkStandIn.h"
+#include "tests/support/RecordedSource.h"
 
 #include <new>
 #include <stdexcept>
@@ -50,6 +55,7 @@ TEST_F(DispatchTest, AQuitSetsTheFlagAndIsTheOnlyCommandThatReturnsFalse) {
         log.lines(),
         QList<QByteArray>{"scada-storage-process: scada-storage-process: processMessage QUIT"});
     EXPECT_TRUE(bus.takeSent().isEmpty());
+    const ForkStandIn fork(ForkStandIn::Outcome::EndsAtOnce);
     for (const int command : {0, 2, 80, 220, 230, 231, 232, 234, 0x1401, -1}) {
         EXPECT_TRUE(process(message(0, command, ""))) << command;
     }
@@ -115,6 +121,77 @@ TEST_F(DispatchTest, AThumbnailDayWithoutItsParametersIsAnEmptyDay) {
     EXPECT_EQ(g_thumbnailDays[0].date, "");
 }
 
+TEST_F(DispatchTest, ALookupIsGivenItsSixParametersInTheirOrder) {
+    ForkObserver children(bus);
+    MemoryCache cache(false);
+    g_memoryCache = &cache;
+    const ChildReport report = children.run([this] {
+        process(message(7, 230, "SiiSSS", "br\xc3\xb8nn", 3, 99, "2024-05-01", "10:00:01", "A\nB"));
+    });
+    g_memoryCache = nullptr;
+    EXPECT_EQ(report.status, 0);
+    ASSERT_EQ(report.sent.size(), 3);
+    EXPECT_EQ(report.sent[1].token, "HistoricalData.gaugeData");
+    EXPECT_EQ(report.sent[1].message.parameterAsInt32(0), 1);
+    EXPECT_EQ(report.sent[1].message.parameterAsInt32(1), 3);
+    EXPECT_EQ(report.sent[1].message.parameterAsInt32(2), 99);
+    EXPECT_EQ(report.sent[2].message.parameterAsInt32(2), 1'714'557'601);
+    EXPECT_TRUE(bus.takeSent().isEmpty());
+}
+
+TEST_F(DispatchTest, ALookupWithoutItsParametersIsAnInvalidOneAndSendsNothing) {
+    ForkObserver children(bus);
+    const ChildReport report = children.run([this] { process(message(7, 230, "")); });
+    EXPECT_EQ(report.status, ForkObserver::kWentOn);
+    EXPECT_TRUE(report.sent.isEmpty());
+}
+
+TEST_F(DispatchTest, ABeginOfAReplayMakesAWorkerThatTellsItsJob) {
+    ForkObserver children(bus);
+    const ChildReport report =
+        children.run([this] { process(message(7, 231, "SS", "client", "20240501000000")); });
+    EXPECT_EQ(report.status, ForkObserver::kWentOn);
+    ASSERT_EQ(report.sent.size(), 1);
+    EXPECT_EQ(report.sent[0].token, "Message.ExtProc.from.1");
+    EXPECT_EQ(report.sent[0].message.command(), 232);
+    EXPECT_EQ(report.sent[0].message.parameterAsInt32(0), 1);
+}
+
+TEST_F(DispatchTest, AContinueIsLoggedByTheDaemonWhichHasNoJob) {
+    EXPECT_TRUE(process(message(7, 232, "iS", 5, "a=1")));
+    EXPECT_TRUE(process(message(7, 232, "")));
+    EXPECT_EQ(log.lines(), (QList<QByteArray>{"HistoricalDataManager: Failed to find jobID 5",
+                                              "HistoricalDataManager: Failed to find jobID 0"}));
+    EXPECT_TRUE(bus.takeSent().isEmpty());
+}
+
+TEST_F(DispatchTest, ContinueAndAcknowledgementReachTheJobOfAWorker) {
+    writeTestFile("/root/data/system/2024-05-01/systemData.gdf",
+                  RecordedSource().at(5).record(254, QByteArray(12, 'x')).bytes);
+    ForkObserver children(bus);
+    const ChildReport report = children.run([this] {
+        process(message(7, 231, "SS", "client", "20240501000000"));
+        if (!g_pHistoricalDataManager->isWorkerThread()) {
+            return;
+        }
+        int waits = 0;
+        bus.transport().onWait = [this, waits](int) mutable {
+            const int command = ++waits == 1 ? 233 : 234;
+            bus.transport().deliver("StorageManager.to", wire(command, "ii", 1, 1));
+        };
+        process(message(7, 232, "iS", 1, ""));
+    });
+    EXPECT_EQ(report.status, 0) << "the replay did not come to its end";
+    EXPECT_EQ(report.sent.size(), 2);
+    emptyRoots();
+}
+
+TEST_F(DispatchTest, BlocksOfAReplayAreNoCommand) {
+    EXPECT_TRUE(process(message(7, 233, "iiiB", 1, 1, 0, 0, nullptr)));
+    EXPECT_TRUE(bus.takeSent().isEmpty());
+    EXPECT_TRUE(log.lines().isEmpty());
+}
+
 TEST_F(DispatchTest, AnAcknowledgementOutsideAWorkerHasNoEffect) {
     process(message(7, 234, "ii", 1, 1));
     EXPECT_TRUE(bus.takeSent().isEmpty());
@@ -122,7 +199,7 @@ TEST_F(DispatchTest, AnAcknowledgementOutsideAWorkerHasNoEffect) {
 }
 
 TEST_F(DispatchTest, UnknownAndMalformedCommandsAreIgnored) {
-    for (const int command : {-1, 2, 79, 81, 219, 235, 0x13ff, 0x7fffffff}) {
+    for (const int command : {-1, 2, 79, 81, 219, 233, 235, 0x13ff, 0x7fffffff}) {
         process(message(7, command, ""));
     }
     EXPECT_TRUE(bus.takeSent().isEmpty());
@@ -153,7 +230,7 @@ TEST_F(DispatchTest, AnOpenThatRunsOutOfMemoryGetsItsOwnFailureForm) {
 }
 
 TEST_F(DispatchTest, ADaemonCommandThatFailsIsAnsweredByNobody) {
-    for (const int command : {0, 1, 80, 220}) {
+    for (const int command : {0, 1, 80, 220, 230, 231, 232, 234}) {
         Message request = message(7, command, "");
         EXPECT_TRUE(handleGuarded(runOutOfMemory, request)) << command;
     }

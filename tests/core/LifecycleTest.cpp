@@ -5,16 +5,19 @@
 #include "bus/PubSubInterface.h"
 #include "core/RunState.h"
 #include "core/ThumbnailSchedule.h"
+#include "core/shared/ChildPool.h"
 #include "core/shared/MessageQueue.h"
 #include "core/shared/ReapedChildren.h"
 #include "core/shared/Replies.h"
 #include "datafile/MemoryCache.h"
 #include "filesystem/Filesystem.h"
+#include "history/HistoricalDataManager.h"
 #include "jobs/RemoteJobManager.h"
 #include "tests/core/FakeThumbnails.h"
 #include "tests/core/KeptSignalHandlers.h"
 #include "tests/support/FakeClock.h"
 #include "tests/support/Files.h"
+#include "tests/support/ForkStandIn.h"
 #include "tests/support/LogCapture.h"
 #include "thumbnails/ThumbnailManager.h"
 
@@ -137,7 +140,7 @@ TEST_F(LifecycleTest, EveryServiceIsThereWhileItRunsAndGoneAfterwards) {
     bool allThere = false;
     run([&] {
         allThere = g_memoryCache && g_ThumbnailManager && g_pubSubInterface && g_pFilesystem &&
-                   g_remoteManager;
+                   g_pHistoricalDataManager && g_remoteManager;
         quit();
     });
     EXPECT_TRUE(allThere);
@@ -145,6 +148,7 @@ TEST_F(LifecycleTest, EveryServiceIsThereWhileItRunsAndGoneAfterwards) {
     EXPECT_EQ(g_ThumbnailManager, nullptr);
     EXPECT_EQ(g_pubSubInterface, nullptr);
     EXPECT_EQ(g_pFilesystem, nullptr);
+    EXPECT_EQ(g_pHistoricalDataManager, nullptr);
     EXPECT_EQ(g_remoteManager, nullptr);
 }
 
@@ -154,7 +158,8 @@ public:
     explicit WitnessJob(bool& servicesWereThere)
         : RemoteJob(g_remoteManager, 1), _servicesWereThere(servicesWereThere) {}
     ~WitnessJob() override {
-        _servicesWereThere = g_pFilesystem && g_pubSubInterface && g_memoryCache;
+        _servicesWereThere =
+            g_pHistoricalDataManager && g_pFilesystem && g_pubSubInterface && g_memoryCache;
     }
 
 private:
@@ -168,66 +173,6 @@ TEST_F(LifecycleTest, RemainingJobsAreDeletedFirst) {
         quit();
     });
     EXPECT_TRUE(servicesWereThere);
-}
-
-/// Notes which services there are when the bus is joined and when it is left.
-class WitnessTransport : public FakeTransport {
-public:
-    explicit WitnessTransport(QList<QByteArray>& record) : _record(record) {}
-    bool connect(const std::string& clientId) override {
-        note("join:");
-        return FakeTransport::connect(clientId);
-    }
-    void disconnect() override {
-        note("leave:");
-        FakeTransport::disconnect();
-    }
-
-private:
-    void note(QByteArray event) {
-        event += g_memoryCache ? " cache" : "";
-        event += g_ThumbnailManager ? " thumbnails" : "";
-        event += g_pFilesystem ? " files" : "";
-        event += g_remoteManager ? " jobs" : "";
-        _record.append(event);
-    }
-
-    QList<QByteArray>& _record;
-};
-
-TEST(LifecycleOrder, CacheAndThumbnailsAreThereBeforeAndAfterTheBusAndTheServicesOnlyBetween) {
-    const KeptSignalHandlers kept;
-    LogCapture log;
-    QList<QByteArray> record;
-    auto transport = std::make_unique<WitnessTransport>(record);
-    transport->onWait = [](int) { raise(SIGUSR1); };
-    Lifecycle lifecycle(std::move(transport));
-    EXPECT_EQ(lifecycle.run(), 0);
-    EXPECT_EQ(record, (QList<QByteArray>{"join: cache thumbnails", "leave: cache thumbnails"}));
-    g_quit = false;
-}
-
-/// A broker that takes a wait to confirm the subscriptions.
-class SlowTransport : public FakeTransport {
-public:
-    int subscriptionsPending() const override { return waits.isEmpty() ? 1 : 0; }
-};
-
-TEST(LifecycleOrder, ItSaysThatItIsStartingOnceItsRequestsAreHeard) {
-    const KeptSignalHandlers kept;
-    LogCapture log;
-    QList<bool> saidInWait;
-    auto transport = std::make_unique<SlowTransport>();
-    transport->onWait = [&](int) {
-        saidInWait.append(log.contains("scada-storage-process: scada-storage-process: starting"));
-        if (saidInWait.last()) {
-            raise(SIGUSR1);
-        }
-    };
-    Lifecycle lifecycle(std::move(transport));
-    EXPECT_EQ(lifecycle.run(), 0);
-    EXPECT_EQ(saidInWait, (QList<bool>{false, true}));
-    g_quit = false;
 }
 
 TEST_F(LifecycleTest, TheTodoFilesDaysAreTakenAtTheStartAndBuiltFromTheFirstPassOn) {
@@ -351,6 +296,23 @@ TEST_F(LifecycleTest, TheUnitIsFreeAgainAfterTheEnd) {
     const int other = open("/root/data", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     EXPECT_EQ(flock(other, LOCK_EX | LOCK_NB), 0);
     close(other);
+}
+
+TEST_F(LifecycleTest, WorkThatStillWaitsForAChildIsForgotten) {
+    ForkStandIn fork(ForkStandIn::Outcome::Works);
+    int worked = 0;
+    run([&] {
+        fork.set(ForkStandIn::Outcome::IsBusy);
+        for (int i = 0; i < 10; ++i) {
+            ChildPools::g_lookupsAndListings.run([&worked] { ++worked; });
+        }
+        quit();
+    });
+    EXPECT_EQ(fork.count(), 8);
+    fork.set(ForkStandIn::Outcome::EndsAtOnce);
+    ChildPools::startWaiting();
+    EXPECT_EQ(fork.count(), 8);
+    EXPECT_EQ(worked, 0);
 }
 
 TEST(LifecycleEnvironment, AnUnusableBusUrlEndsItWithStatus78AndOneLine) {

@@ -1,7 +1,9 @@
 #include "core/MainLoop.h"
 
+#include "core/shared/ReapedChildren.h"
 #include "filesystem/FileProtocol.h"
 #include "tests/core/DaemonFixture.h"
+#include "tests/support/ForkStandIn.h"
 
 namespace {
 
@@ -184,6 +186,50 @@ TEST_F(MainLoopTest, ADayThatIsFinishedInsideTheWaitLetsTheNextOneStartInTheNext
     EXPECT_EQ(FakeThumbnails::started.size(), 1);
     loop.runPass();
     EXPECT_EQ(FakeThumbnails::started.size(), 2);
+}
+
+TEST_F(MainLoopTest, ALookupWaitsAsLongAsEightAreBusy) {
+    const ForkStandIn fork(ForkStandIn::Outcome::IsBusy);
+    for (int i = 0; i < 9; ++i) {
+        g_pHistoricalDataManager->lookup("a", 0, 0, "2024-05-01", "10:00:00", "G");
+    }
+    ASSERT_EQ(fork.count(), 8);
+    EXPECT_TRUE(loop.runPass());
+    EXPECT_EQ(fork.count(), 8);
+}
+
+TEST_F(MainLoopTest, ALookupThatWaitsIsStartedInTheFirstPassWithRoom) {
+    const ForkStandIn fork(ForkStandIn::Outcome::Works);
+    int gate[2];
+    ASSERT_EQ(pipe(gate), 0);
+    for (int i = 0; i < 9; ++i) {
+        ChildPools::g_lookupsAndListings.run([&gate] {
+            close(gate[1]);
+            char byte = 0;
+            while (read(gate[0], &byte, 1) > 0) {
+            }
+            ForkedChild::end();
+        });
+    }
+    EXPECT_TRUE(loop.runPass());
+    EXPECT_EQ(fork.count(), 8);
+    close(gate[1]);
+    siginfo_t info{};
+    ASSERT_EQ(waitid(P_ALL, 0, &info, WEXITED | WNOWAIT), 0);
+    ReapedChildren::reap();
+    QList<int> forks;
+    FakeThumbnails::child = [&] {
+        forks.append(fork.count());
+        return FakeThumbnails::kNobody;
+    };
+    bus.transport().onWait = [&](int) { forks.append(fork.count()); };
+    ThumbnailSchedule::request("a", "2024-05-01");
+    EXPECT_TRUE(loop.runPass());
+    EXPECT_EQ(forks.first(), 8) << "it is the thumbnails' turn first";
+    EXPECT_EQ(forks.last(), 9) << "and then the wait's";
+    while (waitpid(-1, nullptr, 0) > 0) {
+    }
+    close(gate[0]);
 }
 
 TEST_F(MainLoopTest, NoThumbnailDayStartsWhenTheWatchdogFires) {

@@ -36,6 +36,18 @@ protected:
         return sent.isEmpty() ? -1 : sent[0].message.parameterAsInt32(1);
     }
 
+    /// As `inChild`, in the worker of a replay.
+    static int inWorker(const std::function<int()>& what) {
+        const pid_t test = getpid();
+        g_pHistoricalDataManager->beginHistoricalReplay("client", "20240501000000");
+        if (getpid() != test) {
+            _exit(what());
+        }
+        int status = -1;
+        waitpid(-1, &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
     bool isOpen(int handle) {
         int length = 0;
         QByteArray data;
@@ -124,6 +136,37 @@ TEST_F(WorkerRoleTest, AChildDropsThemOnceAndKeepsWhatItTakesOnItself) {
         return role.mayGoOn() && g_remoteManager->jobs().size() == 1 ? 0 : 1;
     });
     EXPECT_EQ(result, 0);
+}
+
+TEST_F(WorkerRoleTest, AWorkerThatWasToldNothingFor600SecondsEnds) {
+    const int result = inWorker([&] {
+        clock.tick += 600'000;
+        g_runState.noteKeepalive();
+        if (!loop.runPass()) {
+            return 1;
+        }
+        // The pass itself waited, and the clock went on.
+        g_runState.noteKeepalive();
+        if (loop.runPass()) {
+            return 2;
+        }
+        return log.contains("scada-storage-process: replay worker was told nothing, ending") ? 0
+                                                                                             : 3;
+    });
+    EXPECT_EQ(result, 0);
+}
+
+TEST_F(WorkerRoleTest, TheChildOfAnInvalidLookupIsNotOneThatWasToldNothing) {
+    const int result = inChild([&] {
+        clock.tick += 600'001;
+        return role.mayGoOn() ? 0 : 1;
+    });
+    EXPECT_EQ(result, 0);
+}
+
+TEST_F(WorkerRoleTest, TheDaemonItselfIsNeverAbandoned) {
+    clock.tick += 10'000'000;
+    EXPECT_TRUE(role.mayGoOn());
 }
 
 TEST_F(WorkerRoleTest, AChildAnswersAKeepaliveAndHeedsAQuit) {

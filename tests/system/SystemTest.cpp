@@ -1,7 +1,9 @@
 #include "tests/system/SystemTest.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -16,6 +18,23 @@ bool isSandboxed(const fs::path& root) {
     struct stat above {};
     return stat(root.c_str(), &own) == 0 && stat(root.parent_path().c_str(), &above) == 0 &&
            own.st_dev != above.st_dev;
+}
+
+/// Whether a process is of the group and runs, or ran, the daemon.
+bool isDaemonOf(const std::string& process, pid_t group) {
+    std::ifstream file("/proc/" + process + "/stat");
+    std::string text;
+    std::getline(file, text);
+    const std::size_t name = text.find("(scada-storage) ");
+    if (name == std::string::npos) {
+        return false;
+    }
+    std::istringstream fields(text.substr(text.rfind(')') + 1));
+    std::string state;
+    pid_t parent = 0;
+    pid_t itsGroup = 0;
+    fields >> state >> parent >> itsGroup;
+    return itsGroup == group;
 }
 
 /// Both ends of a long text.
@@ -150,6 +169,72 @@ std::size_t SystemTest::repliesWaiting() const {
     return static_cast<std::size_t>(std::count_if(
         _client.deliveries.begin(), _client.deliveries.end(),
         [](const auto& delivery) { return delivery.topic == topics::kClientMessage; }));
+}
+
+std::string SystemTest::next(const std::string& topic, int milliseconds) {
+    std::string payload;
+    const auto arrived = [&] {
+        const auto found = std::find_if(
+            _client.deliveries.begin(), _client.deliveries.end(),
+            [&](const RawBusClient::Delivery& delivery) { return delivery.topic == topic; });
+        if (found == _client.deliveries.end()) {
+            return false;
+        }
+        payload = found->payload;
+        _client.deliveries.erase(found);
+        return true;
+    };
+    EXPECT_TRUE(_client.pumpUntil(arrived, milliseconds)) << "nothing on " << topic;
+    return payload;
+}
+
+WireMessage SystemTest::nextMessage(const std::string& topic, int milliseconds) {
+    const auto message = WireMessage::decoded(next(topic, milliseconds));
+    EXPECT_TRUE(message.has_value()) << topic;
+    return message.value_or(WireMessage(-1));
+}
+
+std::vector<std::string> SystemTest::takeAll(const std::string& topic) {
+    std::vector<std::string> payloads;
+    std::erase_if(_client.deliveries, [&](const RawBusClient::Delivery& delivery) {
+        if (delivery.topic != topic) {
+            return false;
+        }
+        payloads.push_back(delivery.payload);
+        return true;
+    });
+    return payloads;
+}
+
+void SystemTest::handOver() {
+    constexpr char kMarker[] = "System/marker";
+    _client.publish(kMarker, "");
+    next(kMarker);
+}
+
+std::vector<pid_t> SystemTest::children() const {
+    std::vector<pid_t> pids;
+    for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {
+        const std::string process = entry.path().filename();
+        if (isDaemonOf(process, getpgrp()) && process != std::to_string(_daemon.pid())) {
+            pids.push_back(std::stoi(process));
+        }
+    }
+    return pids;
+}
+
+bool SystemTest::awaitChildren(std::size_t count, int milliseconds) {
+    using Clock = std::chrono::steady_clock;
+    // Nothing is delivered when one ends.
+    constexpr int kPollMilliseconds = 10;
+    const Clock::time_point end = Clock::now() + std::chrono::milliseconds(milliseconds);
+    while (children().size() != count) {
+        if (Clock::now() >= end) {
+            return false;
+        }
+        _client.pump(kPollMilliseconds);
+    }
+    return true;
 }
 
 std::vector<std::string> SystemTest::eventLines() const {

@@ -47,8 +47,21 @@ protected:
     /// What came on "ConnectionManager.clientMessage" and was not taken, oldest first.
     std::vector<Reply> takeReplies();
     std::size_t repliesWaiting() const;
+    /// The next delivery on a topic, which it takes; fails the test where none comes in time.
+    std::string next(const std::string& topic, int milliseconds = 10'000);
+    WireMessage nextMessage(const std::string& topic, int milliseconds = 10'000);
+    /// Takes every delivery that waits on a topic, oldest first.
+    std::vector<std::string> takeAll(const std::string& topic);
     /// How many deliveries wait on any topic of the daemon's.
     std::size_t deliveriesWaiting() const { return _client.deliveries.size(); }
+
+    /// Returns when the broker has handed on everything published before.
+    void handOver();
+
+    /// The daemon's forked children and theirs, also those that outlived it.
+    std::vector<pid_t> children() const;
+    /// Waits until there are exactly so many.
+    bool awaitChildren(std::size_t count, int milliseconds);
 
     /// The daemon's log without the line of every second, the keep-alives and the requests.
     std::vector<std::string> eventLines() const;
@@ -86,6 +99,7 @@ namespace topics {
 inline constexpr char kStorage[] = "Message/storage";
 inline constexpr char kStorageManager[] = "StorageManager/to";
 inline constexpr char kDayFinished[] = "ThumbnailManager/dayFinished";
+inline constexpr char kGaugeData[] = "HistoricalData/gaugeData";
 inline constexpr char kClientMessage[] = "ConnectionManager/clientMessage";
 
 }  // namespace topics

@@ -1,58 +1,17 @@
+#include "tests/system/Recordings.h"
 #include "tests/system/SystemTest.h"
 
 #include <signal.h>
 
-#include <algorithm>
 #include <filesystem>
-#include <fstream>
+
+using namespace recordings;
 
 namespace {
 
 constexpr char kTodo[] = "/root/data/thumbnailTodo.txt";
 constexpr char kFinished[] = "/root/data/thumbnailsComplete.txt";
-/// 2024-05-01 00:00:00 UTC.
-constexpr std::int32_t kMay = 1714521600;
-constexpr std::int32_t kDaySeconds = 86400;
 constexpr std::uintmax_t kLongDayBytes = 512 * 1024 * 1024;
-
-/// A header of 80 bytes that describes no record types: version 2, no source name.
-std::string header(std::int32_t created) {
-    return littleEndian(2) + littleEndian(created) + littleEndian(80) + std::string(64, '\0') +
-           littleEndian(0);
-}
-
-std::string absoluteTime(std::int32_t time) {
-    return '\x01' + littleEndian(time);
-}
-
-/// A gauge's record: code 5 and 9 bytes.
-std::string sample(char value) {
-    return '\x05' + std::string(9, value);
-}
-
-std::string dayFile(int day) {
-    return "/mmc/well7/gauges/2024-05-0" + std::to_string(day) + "/g1/calcData.gdf";
-}
-
-std::string thumbnailFile() {
-    return "/root/data/well7/gauges/thumbnails/2024-05-g1.gdt";
-}
-
-/// 01:00 of a day in May.
-std::int32_t sampleTime(int day) {
-    return kMay + (day - 1) * kDaySeconds + 3600;
-}
-
-/// What `days` leave in the month's file: blocks of one slot of 15 bytes.
-std::string thumbnailOf(const std::vector<int>& days) {
-    std::string file = header(kMay);
-    for (const int day : days) {
-        const auto interval = static_cast<std::size_t>((sampleTime(day) - kMay) / 900);
-        file.resize(80 + 15 * interval, '\0');
-        file += absoluteTime(sampleTime(day)) + sample(static_cast<char>('0' + day));
-    }
-    return file;
-}
 
 WireMessage dayRequest(const std::string& date) {
     return WireMessage(220).text("well7").text(date);
@@ -66,39 +25,12 @@ protected:
     }
 
     /// One sample of one gauge.
-    static void recordDay(int day) {
-        writeFile(dayFile(day), header(sampleTime(day)) + absoluteTime(sampleTime(day)) +
-                                    sample(static_cast<char>('0' + day)));
-    }
+    static void recordDay(int day) { writeFile(wellDayFile(day), wellDay(day)); }
 
     /// The same, and a hole of empty records that keeps the day's child busy for a while.
     static void recordLongDay(int day) {
         recordDay(day);
-        std::filesystem::resize_file(dayFile(day), kLongDayBytes);
-    }
-
-    /// The next delivery on a topic; fails the test where none comes in time.
-    std::string next(const std::string& topic, int milliseconds = 10'000) {
-        std::string payload;
-        const auto arrived = [&] {
-            const auto found = std::find_if(
-                _client.deliveries.begin(), _client.deliveries.end(),
-                [&](const RawBusClient::Delivery& delivery) { return delivery.topic == topic; });
-            if (found == _client.deliveries.end()) {
-                return false;
-            }
-            payload = found->payload;
-            _client.deliveries.erase(found);
-            return true;
-        };
-        EXPECT_TRUE(_client.pumpUntil(arrived, milliseconds)) << "nothing on " << topic;
-        return payload;
-    }
-
-    WireMessage nextMessage(const std::string& topic, int milliseconds = 10'000) {
-        const auto message = WireMessage::decoded(next(topic, milliseconds));
-        EXPECT_TRUE(message.has_value()) << topic;
-        return message.value_or(WireMessage(-1));
+        std::filesystem::resize_file(wellDayFile(day), kLongDayBytes);
     }
 
     /// Returns the notification's id.
@@ -140,15 +72,9 @@ protected:
 
     /// The daemon's one child, once there is one.
     pid_t child() {
-        const std::string pid = std::to_string(_daemon.pid());
-        pid_t result = 0;
-        _client.pumpUntil(
-            [&] {
-                std::ifstream("/proc/" + pid + "/task/" + pid + "/children") >> result;
-                return result != 0;
-            },
-            5000);
-        return result;
+        EXPECT_TRUE(awaitChildren(1, 5000));
+        const std::vector<pid_t> all = children();
+        return all.empty() ? 0 : all.front();
     }
 
     void restartDaemon() {
@@ -166,7 +92,7 @@ TEST_F(ThumbnailTest, ACommandBuildsItsDayAndTellsEveryone) {
     EXPECT_GT(id, 0);
     expectDayDone("2024-05-01");
     expectDelete(id);
-    EXPECT_EQ(toHex(readFile(thumbnailFile())), toHex(thumbnailOf({1})));
+    EXPECT_EQ(toHex(readFile(wellThumbnailFile())), toHex(wellThumbnails({1})));
     EXPECT_EQ(_daemon.logCount("ThumbnailManager: appendDay(2024-05-01)"), 1);
     EXPECT_EQ(_daemon.logCount("scada-storage-process: ThumbnailManager dayFinished 2024-05-01 "
                                "(outstanding 0)"),
@@ -179,7 +105,7 @@ TEST_F(ThumbnailTest, ARemoteClientMayAskForADayToo) {
     ASSERT_NO_FATAL_FAILURE(startBoth());
     send(dayRequest("2024-05-01"));
     expectDayDone("2024-05-01");
-    EXPECT_EQ(toHex(readFile(thumbnailFile())), toHex(thumbnailOf({1})));
+    EXPECT_EQ(toHex(readFile(wellThumbnailFile())), toHex(wellThumbnails({1})));
     EXPECT_TRUE(takeReplies().empty());
 }
 
@@ -198,7 +124,7 @@ TEST_F(ThumbnailTest, DaysAreBuiltOneAfterTheOtherUnderOneNotification) {
     EXPECT_EQ(expectNotification("Notification/update", "2024-05-03"), id);
     expectDayDone("2024-05-03");
     expectDelete(id);
-    EXPECT_EQ(toHex(readFile(thumbnailFile())), toHex(thumbnailOf({1, 2, 3})));
+    EXPECT_EQ(toHex(readFile(wellThumbnailFile())), toHex(wellThumbnails({1, 2, 3})));
 
     _client.publish(topics::kStorageManager, dayRequest("2024-05-03").encoded());
     EXPECT_EQ(expectNotification("Notification/add", "2024-05-03"), id + 1);
@@ -216,7 +142,7 @@ TEST_F(ThumbnailTest, TheTodoFileIsBuiltRecordedAndGoneAfterTheNextStart) {
     expectDelete(id);
     EXPECT_EQ(readFile(kFinished), "2024-05-01\n2024-05-02\n");
     EXPECT_TRUE(exists(kTodo));
-    EXPECT_EQ(toHex(readFile(thumbnailFile())), toHex(thumbnailOf({1, 2})));
+    EXPECT_EQ(toHex(readFile(wellThumbnailFile())), toHex(wellThumbnails({1, 2})));
 
     ASSERT_NO_FATAL_FAILURE(restartDaemon());
     settle();
@@ -275,7 +201,7 @@ TEST_F(ThumbnailLossTest, ADayWhoseChildIsKilledIsBuiltAgainAfterTheOthers) {
     expectDayDone("2024-05-01");
     expectDelete(id);
     EXPECT_EQ(readFile(kFinished), "2024-05-02\n2024-05-01\n");
-    EXPECT_EQ(toHex(readFile(thumbnailFile())), toHex(thumbnailOf({1, 2})));
+    EXPECT_EQ(toHex(readFile(wellThumbnailFile())), toHex(wellThumbnails({1, 2})));
     EXPECT_EQ(_daemon.logCount("scada-storage-process: thumbnail day 2024-05-01: its child ended "
                                "(status 0x0009) unheard"),
               1);
@@ -300,7 +226,7 @@ TEST_F(ThumbnailLossTest, AChildWhoseWordIsLostWithTheBrokerHoldsNoOtherDayUp) {
     ASSERT_NO_FATAL_FAILURE(startBroker());
     expectNotification("Notification/update", "2024-05-02", kLossMilliseconds);
     expectDayDone("2024-05-02");
-    EXPECT_EQ(toHex(readFile(thumbnailFile())), toHex(thumbnailOf({1, 2})));
+    EXPECT_EQ(toHex(readFile(wellThumbnailFile())), toHex(wellThumbnails({1, 2})));
     EXPECT_EQ(_daemon.logCount("ThumbnailManager: appendDay(2024-05-01)"), 1);
     EXPECT_EQ(_daemon.logCount("scada-storage-process: thumbnail day 2024-05-01: its child ended "
                                "(status 0x0000) unheard"),
