@@ -7,8 +7,9 @@
 #include <QObject>
 #include <QString>
 
-/// The one place where digests of files and of memory are computed. All digests are MD5. The
-/// operations are static and need no instance; none of them logs.
+/// The one place where digests of files and of memory are computed, and where listings of directory
+/// trees are made. All digests are MD5. The operations are static and need no instance; none of
+/// those on digests logs.
 class FileHashManager : public QObject {
     Q_OBJECT
 
@@ -29,6 +30,28 @@ public:
 
     /// The first four bytes of the digest of a memory block, little-endian.
     static int calculate32BitMemoryHash(const char* data, int length);
+
+    /// The command of a finished listing's message, "SS": root, path of the listing or "".
+    static constexpr int kListingReplyCommand = 0x14A1;
+
+    /// Makes a listing of `root` for the client's folder in a child, which answers `connection`
+    /// and ends; no answer where the child cannot be forked. Notifies the unit's users, unless
+    /// the root starts with "/root".
+    static void forkGenerateFileListing(int connection, const QString& folder, const QString& root);
+
+    /// Makes the listing and returns its path, also where storage is full and the last listing
+    /// stays. A null string where there is no such root or the folder cannot be written. Waits
+    /// while another process makes the same listing. Logs every end.
+    static QString generateFileListing(const QString& folder, const QString& root, int notifierPid,
+                                       int notificationId);
+
+    /// Writes the lines of a directory tree to `out`, which is open. Sends updates of the
+    /// notification, unless its number is negative.
+    static void generateFileListingHelper(QFile& out, const QString& directory, int notifierPid,
+                                          int notificationId);
+
+    /// Removes every listing in `directory` other than ".files..mmc.<folder>".
+    static void removeUserFileListings(const QString& folder, const QString& directory);
 
 private:
     DebugTextTarget _debug;
