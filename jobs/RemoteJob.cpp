@@ -21,7 +21,11 @@ void RemoteJob::hadActivity() {
 }
 
 bool RemoteJob::timeout() const {
-    const auto elapsed = static_cast<qint32>(PubSubInterface::getSystemTicks() - _lastActivity);
+    return isOverdue(_lastActivity);
+}
+
+bool RemoteJob::isOverdue(quint32 ticks) const {
+    const auto elapsed = static_cast<qint32>(PubSubInterface::getSystemTicks() - ticks);
     if (elapsed <= _timeoutMilliseconds) {
         return false;
     }

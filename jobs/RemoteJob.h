@@ -34,6 +34,9 @@ public:
     bool timeout() const;
 
 protected:
+    /// True, and logged, if more than the limit has passed since `ticks`.
+    bool isOverdue(quint32 ticks) const;
+
     RemoteJobManager* _manager;
     int _connectionID;
     int _jobID = 0;

@@ -5,17 +5,21 @@
 
 #include <QtAlgorithms>
 
+#include <algorithm>
+
 RemoteJobManager* g_remoteManager = nullptr;
 
 namespace {
 
 /// False where the slice failed by an exception, running out of memory above all.
 bool sliceSucceeds(RemoteJob* job) {
+    // It may be gone by the time of the exception.
+    const int connection = job->connectionID();
     try {
         job->runSlice();
         return true;
     } catch (...) {
-        DebugText::send("RemoteJob", "job of connection %d failed and ends", job->connectionID());
+        DebugText::send("RemoteJob", "job of connection %d failed and ends", connection);
         return false;
     }
 }
@@ -33,8 +37,25 @@ void RemoteJobManager::addJob(RemoteJob* job) {
     _jobs.append(job);
 }
 
+bool RemoteJobManager::hasRoomFor(int connection) const {
+    const auto sameConnection = std::count_if(
+        _jobs.cbegin(), _jobs.cend(),
+        [connection](const RemoteJob* job) { return job->connectionID() == connection; });
+    return _jobs.size() < kMaximumJobs && sameConnection < kMaximumJobsPerConnection;
+}
+
 void RemoteJobManager::removeJob(RemoteJob* job) {
-    _jobs.removeOne(job);
+    const qsizetype index = _jobs.indexOf(job);
+    if (index < 0) {
+        return;
+    }
+    _jobs.removeAt(index);
+    if (index < _nextIndex) {
+        --_nextIndex;
+    }
+    if (job == _running) {
+        _running = nullptr;
+    }
 }
 
 bool RemoteJobManager::sendMessage(int connection, Message& message) {
@@ -43,20 +64,28 @@ bool RemoteJobManager::sendMessage(int connection, Message& message) {
 }
 
 void RemoteJobManager::runSlice() {
-    for (qsizetype i = 0; i < _jobs.size();) {
-        RemoteJob* const job = _jobs.at(i);
-        const bool succeeded = sliceSucceeds(job);
-        // Signed, so that the newer of two times is found across the wrap of the ticks; after a
-        // time without jobs the old one may be too long ago for that.
-        if (_resumes || static_cast<qint32>(job->lastActivity() - _lastActivity) >= 0) {
-            _lastActivity = job->lastActivity();
-            _resumes = false;
-        }
-        if (succeeded && !job->needsToClose()) {
-            ++i;
+    for (_nextIndex = 0; _nextIndex < _jobs.size();) {
+        _running = _jobs.at(_nextIndex);
+        ++_nextIndex;
+        const bool succeeded = sliceSucceeds(_running);
+        RemoteJob* const job = _running;
+        if (job == nullptr) {
             continue;
         }
-        _jobs.removeAt(i);
-        delete job;
+        noteActivity(job->lastActivity());
+        if (!succeeded || job->needsToClose()) {
+            removeJob(job);
+            delete job;
+        }
+    }
+    _running = nullptr;
+}
+
+void RemoteJobManager::noteActivity(quint32 ticks) {
+    // Signed, so that the newer of two times is found across the wrap of the ticks; after a time
+    // without jobs the old one may be too long ago for that.
+    if (_resumes || static_cast<qint32>(ticks - _lastActivity) >= 0) {
+        _lastActivity = ticks;
+        _resumes = false;
     }
 }

@@ -21,8 +21,9 @@ public:
 
     void runSlice() override {
         note("slice");
-        if (slice) {
-            slice(*this);
+        // A copy: the job may be deleted in it.
+        if (const auto running = slice) {
+            running(*this);
         }
     }
     void close() { _needsToClose = true; }
@@ -173,6 +174,72 @@ TEST_F(RemoteJobManagerTest, RemovingAJobThatIsNotThereChangesNothing) {
     manager.removeJob(&stranger);
     manager.removeJob(nullptr);
     EXPECT_EQ(manager.jobs(), QList<RemoteJob*>{job});
+}
+
+TEST_F(RemoteJobManagerTest, AJobMayRemoveAndDeleteItselfInItsOwnSlice) {
+    add(1);
+    add(2)->slice = [this](RecordingJob& job) {
+        job.close();
+        manager.removeJob(&job);
+        delete &job;
+    };
+    add(3);
+    manager.runSlice();
+    EXPECT_EQ(record, (QList<QByteArray>{"1 slice", "2 slice", "2 deleted", "3 slice"}));
+    EXPECT_EQ(manager.jobs().size(), 2);
+}
+
+TEST_F(RemoteJobManagerTest, AJobThatRemovesItselfIsNotDeletedByTheManager) {
+    RecordingJob* job = add(1);
+    job->slice = [this](RecordingJob& self) {
+        self.close();
+        manager.removeJob(&self);
+    };
+    manager.runSlice();
+    EXPECT_EQ(record, QList<QByteArray>{"1 slice"});
+    delete job;
+}
+
+TEST_F(RemoteJobManagerTest, AJobMayRemoveAndDeleteItsNeighboursInItsSlice) {
+    RecordingJob* before = add(1);
+    RecordingJob* middle = add(2);
+    RecordingJob* after = add(3);
+    add(4);
+    middle->slice = [&](RecordingJob& job) {
+        for (RecordingJob* neighbour : {before, after}) {
+            manager.removeJob(neighbour);
+            delete neighbour;
+        }
+        job.slice = nullptr;
+    };
+    manager.runSlice();
+    EXPECT_EQ(record,
+              (QList<QByteArray>{"1 slice", "2 slice", "1 deleted", "3 deleted", "4 slice"}));
+    manager.runSlice();
+    EXPECT_EQ(record.mid(5), (QList<QByteArray>{"2 slice", "4 slice"}));
+}
+
+TEST_F(RemoteJobManagerTest, AJobThatIsDeletedAndThrowsHarmsNobody) {
+    LogCapture log;
+    add(1)->slice = [this](RecordingJob& job) {
+        manager.removeJob(&job);
+        delete &job;
+        throw std::bad_alloc();
+    };
+    add(2);
+    manager.runSlice();
+    EXPECT_EQ(record, (QList<QByteArray>{"1 slice", "1 deleted", "2 slice"}));
+}
+
+TEST_F(RemoteJobManagerTest, ThereIsRoomFor8JobsOfAConnectionAnd64InAll) {
+    for (int connection = 0; connection < 8; ++connection) {
+        for (int job = 0; job < 8; ++job) {
+            EXPECT_TRUE(manager.hasRoomFor(connection));
+            add(connection);
+        }
+        EXPECT_FALSE(manager.hasRoomFor(connection));
+    }
+    EXPECT_FALSE(manager.hasRoomFor(99));
 }
 
 TEST(RemoteJobManager, ItsEndDeletesTheRemainingJobsInOrder) {
