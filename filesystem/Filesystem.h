@@ -66,6 +66,15 @@ public:
     bool fileInDirectory(int handle, int index, QString& name, int& length, long& created,
                          long& modified);
 
+    /// Writes the configuration (every "*.xml" but "system.xml", and `folder`) to `archive`, both
+    /// names in "/root/config". False only for an archive's name without the right ending. An
+    /// archive appears, or changes, only if it is whole. Blocks until it is written.
+    static bool createConfigBackupFile(const QString& folder, const QString& archive);
+    /// Puts `folder`, "modbus*xml" and "job.xml" back as they are in `archive`, which is then
+    /// removed, and asks for a restart. False only where there is no such archive. A damaged one
+    /// takes `folder` away. Blocks until it is done.
+    static bool loadConfigBackupFile(const QString& folder, const QString& archive);
+
     /// The protocol entry point: carries out a remote client's request and answers it on its
     /// connection. Codes that are none of the protocol's are ignored. The caller keeps `message`.
     void handleMessage(int connection, Message* message);
@@ -96,6 +105,7 @@ private:
     bool answerCloseDirectory(const Message& request, Message& reply);
     bool answerFileInDirectory(const Message& request, Message& reply);
     static const ProtocolCase* findCase(int command);
+    void answer(const ProtocolCase& known, int connection, const Message& request);
 
     QMap<int, Handle*> _handles;
     int _nextHandle = 0;

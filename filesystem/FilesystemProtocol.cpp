@@ -2,20 +2,78 @@
 #include "core/shared/Replies.h"
 #include "filesystem/FileProtocol.h"
 #include "filesystem/Filesystem.h"
+#include "hashing/FileHashManager.h"
+#include "jobs/LZFDownloadRemoteJob.h"
+#include "jobs/RemoteJobManager.h"
 
 #include <QString>
 
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <memory>
 
 namespace {
 
 constexpr char kLogTarget[] = "Filesystem";
+/// A job keeps its request as long as it runs.
+constexpr std::size_t kMaximumDownloadRequestBytes = 4 * 1024 * 1024;
 
 /// Text on the wire is UTF-8. Replies echo the bytes as they came, never this.
 QString textParameter(const Message& request, int index) {
     return QString::fromUtf8(request.parameterAsString(index));
+}
+
+bool hasFormat(const Message& request, const char* format) {
+    return std::strcmp(request.formatString(), format) == 0;
+}
+
+/// Every download of the connection gets the count. Nothing is checked: what is missing reads as 0.
+void passOnWriteCount(const Message& report) {
+    if (g_remoteManager == nullptr) {
+        return;
+    }
+    const int connection = report.parameterAsInt32(0);
+    for (RemoteJob* const job : g_remoteManager->jobs()) {
+        if (job->connectionID() == connection &&
+            job->type() == QLatin1String("LZFDownloadRemoteJob")) {
+            static_cast<LZFDownloadRemoteJob*>(job)->handleWriteCount(report.parameterAsInt32(1));
+        }
+    }
+}
+
+bool canStartDownload(int connection, const Message& request) {
+    if (!hasFormat(request, "iS")) {
+        DebugText::send(kLogTarget, "MESSAGE_LZF_DOWNLOAD bad args");
+        return false;
+    }
+    if (g_remoteManager == nullptr || !g_remoteManager->hasRoomFor(connection) ||
+        std::strlen(request.parameterAsString(1)) > kMaximumDownloadRequestBytes) {
+        DebugText::send(kLogTarget, "MESSAGE_LZF_DOWNLOAD refused, connection %d", connection);
+        return false;
+    }
+    return true;
+}
+
+void startDownload(int connection, const Message& request) {
+    DebugText::send(kLogTarget, "MESSAGE_LZF_DOWNLOAD");
+    if (!canStartDownload(connection, request)) {
+        sendMessageToConnection(connection, MESSAGE_LZF_DOWNLOAD);
+        return;
+    }
+    auto job = std::make_unique<LZFDownloadRemoteJob>(
+        g_remoteManager, connection, request.parameterAsInt32(0), textParameter(request, 1));
+    g_remoteManager->addJob(job.get());
+    job.release();
+}
+
+/// Nothing is checked: a missing name reads as "".
+void answerWithFlag(int connection, const Message& request,
+                    bool (*operation)(const QString& folder, const QString& archive)) {
+    const bool isDone = operation(textParameter(request, 0), textParameter(request, 1));
+    Message reply;
+    reply.construct(request.command(), "c", isDone ? 1 : 0);
+    sendMessageToConnection(connection, &reply);
 }
 
 }  // namespace
@@ -53,23 +111,47 @@ const Filesystem::ProtocolCase* Filesystem::findCase(int command) {
 }
 
 void Filesystem::handleMessage(int connection, Message* message) {
-    const ProtocolCase* const known = findCase(message->command());
-    if (known == nullptr) {
-        return;
+    switch (message->command()) {
+        case MESSAGE_WRITE_COUNT:
+            passOnWriteCount(*message);
+            return;
+        case MESSAGE_GENERATE_LISTING:
+            FileHashManager::forkGenerateFileListing(connection, textParameter(*message, 0),
+                                                     textParameter(*message, 1));
+            return;
+        case MESSAGE_LZF_DOWNLOAD:
+            startDownload(connection, *message);
+            return;
+        case MESSAGE_DOWNLOAD_UNUSED:
+            return;
+        case MESSAGE_CONFIG_BACKUP:
+            answerWithFlag(connection, *message, &Filesystem::createConfigBackupFile);
+            return;
+        case MESSAGE_CONFIG_RESTORE:
+            answerWithFlag(connection, *message, &Filesystem::loadConfigBackupFile);
+            return;
+        default:
+            break;
     }
-    DebugText::send(kLogTarget, "%s", known->name);
-    if (std::strcmp(message->formatString(), known->requestFormat) != 0) {
-        if (known->logsBadArguments) {
-            DebugText::send(kLogTarget, "%s bad args", known->name);
+    if (const ProtocolCase* const known = findCase(message->command())) {
+        answer(*known, connection, *message);
+    }
+}
+
+void Filesystem::answer(const ProtocolCase& known, int connection, const Message& request) {
+    DebugText::send(kLogTarget, "%s", known.name);
+    if (!hasFormat(request, known.requestFormat)) {
+        if (known.logsBadArguments) {
+            DebugText::send(kLogTarget, "%s bad args", known.name);
         }
-        sendMessageToConnection(connection, known->code);
+        sendMessageToConnection(connection, known.code);
         return;
     }
     Message reply;
-    if ((this->*known->answer)(*message, reply)) {
+    if ((this->*known.answer)(request, reply)) {
         sendMessageToConnection(connection, &reply);
     } else {
-        sendMessageToConnection(connection, known->code);
+        sendMessageToConnection(connection, known.code);
     }
 }
 

@@ -3,13 +3,11 @@
 #include "filesystem/Filesystem.h"
 #include "tests/support/FakeClock.h"
 #include "tests/support/Files.h"
+#include "tests/support/FullDisk.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/QtWarnings.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-
-#include <csignal>
 
 /// Reaches what a test could otherwise reach only by 2^31 opens.
 class FilesystemState {
@@ -18,25 +16,6 @@ public:
     static int openHandles(const Filesystem& files) {
         return static_cast<int>(files._handles.size());
     }
-};
-
-/// The disk is full for every file at `bytes`, while it lives.
-class FullDiskAt {
-public:
-    explicit FullDiskAt(rlim_t bytes) {
-        ::getrlimit(RLIMIT_FSIZE, &_before);
-        _handler = std::signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit = {bytes, _before.rlim_max};
-        ::setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~FullDiskAt() {
-        ::setrlimit(RLIMIT_FSIZE, &_before);
-        std::signal(SIGXFSZ, _handler);
-    }
-
-private:
-    rlimit _before = {};
-    void (*_handler)(int) = nullptr;
 };
 
 /// A file service over empty roots, with the clock in the test's hand.

@@ -186,8 +186,8 @@ TEST_F(FilesystemProtocolTest, WriteReplyEchoesTheLengthOfTheBlock) {
 }
 
 TEST_F(FilesystemProtocolTest, UnknownCodesAndTheDroppedOneGetNeitherReplyNorLogLine) {
-    for (const int code : {0x14B1, 0x1406, 80, 0x14A0, 0x14B0, 0x14C0, 0x14C1, 0, 1, -1, 0x13FF,
-                           0x1412, 0x1453, 0x7FFFFFFF, std::numeric_limits<int>::min()}) {
+    for (const int code : {0x14B1, 0x1406, 80, 0, 1, -1, 0x13FF, 0x1412, 0x1453, 0x7FFFFFFF,
+                           std::numeric_limits<int>::min()}) {
         for (const char* format : {"", "ii", "iS", "SS"}) {
             QByteArray wire(4, '\0');
             for (int i = 0; i < 4; ++i) {

@@ -9,23 +9,31 @@
 #include "core/shared/Tokens.h"
 #include "filesystem/FileProtocol.h"
 #include "filesystem/Filesystem.h"
+#include "history/HistoricalDataManager.h"
+#include "jobs/LZFDownloadRemoteJob.h"
+#include "jobs/RemoteJobManager.h"
 #include "tests/fuzz/FuzzInput.h"
 #include "tests/fuzz/Require.h"
 #include "tests/fuzz/UnitRoots.h"
 #include "tests/support/FakeBus.h"
 #include "tests/support/FakeClock.h"
+#include "tests/support/ForkStandIn.h"
 
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <vector>
 
 /// Any sequence of deliveries through callback, queue, dispatch and file service, on real files:
 /// each request with a code of the file protocol gets exactly one reply, with its own code, on its
 /// own connection and of one of the two kinds; a keep-alive gets its one; no other code gets any.
 /// The files that are open are those that replies said are open, and nothing else stays open. The
-/// waiting thumbnail days are those that were asked for and those of the scheduling files.
+/// waiting thumbnail days are those that were asked for and those of the scheduling files. A
+/// download is a job and a message to the connection manager, or a bare reply beyond the limits. A
+/// lookup, the beginning of a replay and a listing are a fork each, of a child that ends at once;
+/// a listing outside "/root" is notified.
 
 namespace {
 
@@ -49,8 +57,8 @@ constexpr FileRequest kFileRequests[] = {
     {MESSAGE_GET_FILE_IN_DIR, "ii", "iiSiii"},
 };
 
-constexpr int kOtherCommands[] = {0,  1,      80,     220,    230,    231,    232,   234,
-                                  -1, 0x1406, 0x14A0, 0x14B0, 0x14B1, 0x14C0, 0x14C1};
+constexpr int kOtherCommands[] = {0,   1,  80,     220,    230,    231,    232,    233,
+                                  234, -1, 0x1406, 0x14A0, 0x14B0, 0x14B1, 0x14C0, 0x14C1};
 
 constexpr char kTodo[] = "/root/data/thumbnailTodo.txt";
 constexpr char kFinished[] = "/root/data/thumbnailsComplete.txt";
@@ -84,12 +92,16 @@ public:
         g_StorageMessageTokenID = _bus.bus().findToken(Tokens::kStorageRequests);
         std::strcpy(g_szOurPubSubToken, kOwnReplies);
         g_pFilesystem = &_filesystem;
+        g_pHistoricalDataManager = &_history;
+        g_remoteManager = &_jobs;
         setDrainHooks({processMessage, nullptr});
     }
 
     ~Unit() {
         setDrainHooks({});
         g_pFilesystem = nullptr;
+        g_pHistoricalDataManager = nullptr;
+        g_remoteManager = nullptr;
         ThumbnailSchedule::forget();
     }
     Unit(const Unit&) = delete;
@@ -110,8 +122,7 @@ public:
             deliver(connection, input.takeMessage(request.command, other.replyFormat).encoded());
         } else if (step == kOtherCommand) {
             const int command = kOtherCommands[input.takeByte() % std::size(kOtherCommands)];
-            const char* format = command == COMMAND_THUMBNAIL_DAY ? "SS" : "ii";
-            deliver(connection, input.takeMessage(command, format).encoded());
+            deliver(connection, input.takeMessage(command, formatOf(command)).encoded());
         } else if (step == kStorageBytes) {
             deliver(connection, input.takeBlock());
         } else if (step == kOwnBytes && connection % 2 == 0) {
@@ -134,6 +145,7 @@ public:
     /// Dispatches what was delivered and checks what was sent for it.
     void drain() {
         processWaitingMessages();
+        REQUIRE(_fork.count() == _expectedChildren);
         const QList<FakeBus::Sent> sent = _bus.takeSent();
         REQUIRE(sent.size() == static_cast<qsizetype>(_expected.size()));
         for (qsizetype i = 0; i < sent.size(); ++i) {
@@ -145,10 +157,19 @@ public:
 
     int openFiles() const { return _openFiles; }
 
+    void endDownloads() {
+        while (!_jobs.jobs().isEmpty()) {
+            RemoteJob* const job = _jobs.jobs().first();
+            _jobs.removeJob(job);
+            delete job;
+        }
+    }
+
 private:
     struct Expected {
         int connection;
         int command;
+        bool startsDownload = false;
     };
     struct Day {
         QString job;
@@ -239,13 +260,74 @@ private:
         if (message && message->command == COMMAND_THUMBNAIL_DAY) {
             expectDay(*message);
         }
-        if (message &&
-            (message->command == COMMAND_KEEPALIVE || findFileRequest(message->command))) {
+        if (message && forks(message->command)) {
+            ++_expectedChildren;
+        }
+        if (message && message->command == MESSAGE_GENERATE_LISTING &&
+            !textAt(*message, 1).startsWith("/root")) {
+            _expected.push_back({connection, message->command});
+        }
+        if (message && message->command == MESSAGE_LZF_DOWNLOAD) {
+            _expected.push_back(
+                {connection, message->command, startsDownload(connection, *message)});
+        } else if (message &&
+                   (message->command == COMMAND_KEEPALIVE || isArchiveRequest(message->command) ||
+                    findFileRequest(message->command))) {
             _expected.push_back({connection, message->command});
         }
     }
 
+    static bool isArchiveRequest(int command) {
+        return command == MESSAGE_CONFIG_BACKUP || command == MESSAGE_CONFIG_RESTORE;
+    }
+
+    static bool forks(int command) {
+        return command == COMMAND_LOOKUP || command == COMMAND_BEGIN_REPLAY ||
+               command == MESSAGE_GENERATE_LISTING;
+    }
+
+    static const char* formatOf(int command) {
+        switch (command) {
+            case COMMAND_THUMBNAIL_DAY:
+            case COMMAND_BEGIN_REPLAY:
+            case MESSAGE_GENERATE_LISTING:
+                return "SS";
+            case COMMAND_LOOKUP:
+                return "SiiSSS";
+            case COMMAND_CONTINUE_REPLAY:
+            case MESSAGE_LZF_DOWNLOAD:
+                return "iS";
+            default:
+                return "ii";
+        }
+    }
+
+    bool startsDownload(int connection, const WireMessage& request) {
+        int all = 0;
+        for (const auto& [owner, count] : _downloads) {
+            all += count;
+        }
+        const bool starts = request.format == "iS" && _downloads[connection] < 8 && all < 64;
+        _downloads[connection] += starts ? 1 : 0;
+        return starts;
+    }
+
+    /// A slice of every download; what they say is fuzz_download_stream's.
+    void runDownloads() {
+        _jobs.runSlice();
+        for (const FakeBus::Sent& sent : _bus.takeSent()) {
+            REQUIRE(sent.token == Tokens::kClientMessage);
+            REQUIRE(sent.message.command() == MESSAGE_LZF_DOWNLOAD);
+            REQUIRE(_downloads[sent.connection] > 0);
+        }
+        _downloads.clear();
+        for (const RemoteJob* job : _jobs.jobs()) {
+            ++_downloads[job->connectionID()];
+        }
+    }
+
     void letTimePass(int seconds) {
+        runDownloads();
         _clock.advance(seconds);
         _filesystem.expireHandles();
         if (seconds >= Filesystem::kHandleIdleSeconds) {
@@ -257,6 +339,16 @@ private:
 
     void checkReply(const Expected& expected, const FakeBus::Sent& sent) {
         const Message& reply = sent.message;
+        if (expected.command == MESSAGE_GENERATE_LISTING) {
+            REQUIRE(sent.token == Tokens::kNotificationAdd);
+            return;
+        }
+        if (expected.startsDownload) {
+            REQUIRE(sent.token == Tokens::kConnectionManager);
+            REQUIRE(reply.command() == COMMAND_WRITE_COUNT);
+            REQUIRE(reply.parameterAsInt32(0) == expected.connection);
+            return;
+        }
         REQUIRE(reply.command() == expected.command);
         if (expected.command == COMMAND_KEEPALIVE) {
             REQUIRE(sent.token == kOwnReplies);
@@ -266,7 +358,12 @@ private:
         REQUIRE(sent.token == Tokens::kClientMessage);
         REQUIRE(sent.connection == expected.connection);
         const char* format = reply.formatString();
+        if (isArchiveRequest(expected.command)) {
+            REQUIRE(std::strcmp(format, "c") == 0);
+            return;
+        }
         const bool isBare = *format == '\0';
+        REQUIRE(isBare || expected.command != MESSAGE_LZF_DOWNLOAD);
         REQUIRE(isBare || std::strcmp(format, findFileRequest(expected.command)->replyFormat) == 0);
         if (!isBare && expected.command == MESSAGE_FILE_OPEN) {
             _openFiles += reply.parameterAsInt32(1) >= 0 ? 1 : 0;
@@ -279,9 +376,14 @@ private:
     FakeClock _clock;
     FakeBus _bus;
     Filesystem _filesystem{nullptr};
+    HistoricalDataManager _history{nullptr};
+    ForkStandIn _fork{ForkStandIn::Outcome::EndsAtOnce};
+    RemoteJobManager _jobs;
     std::vector<Expected> _expected;
+    std::map<int, int> _downloads;
     QList<Day> _days;
     int _openFiles = 0;
+    int _expectedChildren = 0;
 };
 
 }  // namespace
@@ -298,6 +400,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             unit.run(input);
         }
         unit.drain();
+        unit.endDownloads();
         const UnitRoots::Descriptors during = UnitRoots::descriptors();
         REQUIRE(during.underRoots - before.underRoots == unit.openFiles());
         REQUIRE(during.all - before.all == unit.openFiles());
