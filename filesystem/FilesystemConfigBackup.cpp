@@ -78,13 +78,11 @@ bool gather(const Scratch& scratch, const QByteArray& folder, QList<QByteArray>&
         return false;
     }
     for (const QByteArray& name : names) {
-        if (isUsable(folder) && name == folder) {
+        const bool isFolder = isUsable(folder) && name == folder;
+        const bool isSetting = !isFolder && isArchivedFile(name);
+        if (isFolder || (isSetting && isRegularFile(scratch.config(), name, AT_SYMLINK_NOFOLLOW))) {
             found.append(name);
-        } else if (!isArchivedFile(name)) {
-            continue;
-        } else if (isRegularFile(scratch.config(), name, AT_SYMLINK_NOFOLLOW)) {
-            found.append(name);
-        } else if (isRegularFile(scratch.config(), name, 0) &&
+        } else if (isSetting && isRegularFile(scratch.config(), name, 0) &&
                    !FolderTree::copyFile(scratch.config(), name.constData(), scratch.folder(),
                                          name.constData(), true)) {
             return false;

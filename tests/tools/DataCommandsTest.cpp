@@ -130,6 +130,12 @@ TEST_F(DataCommandsTest, TimesAreSelectedWithBothEnds) {
     EXPECT_EQ(data.count('\n'), 1);
 }
 
+TEST_F(DataCommandsTest, ATimeMayLeaveItsSecondsOut) {
+    EXPECT_EQ(
+        runOn({"data", "dump", "--from", "2024-05-01T00:00", "--to", "2024-05-01T00:00"}, kDay), 0);
+    EXPECT_EQ(data.count('\n'), 2);
+}
+
 TEST_F(DataCommandsTest, TimesAroundAChangeOfTheClockHaveTheirOffsets) {
     // 2024-10-27T00:30:00 UTC, then an hour later: both are 02:30 in Berlin.
     const QByteArray bytes =
@@ -148,6 +154,8 @@ TEST_F(DataCommandsTest, WrongZonesAndTimesAreWrongUsage) {
                                                {"--tz", ""},
                                                {"--from", "yesterday"},
                                                {"--from", "2024-05-01T25:00:00"},
+                                               {"--from", "2024-05-01T25:00"},
+                                               {"--from", "2024-05-01T"},
                                                {"--from", "2024-02-30"},
                                                {"--from", "2024-05-02", "--to", "2024-05-01"}}) {
         std::vector<std::string> command{"data", "dump"};

@@ -43,7 +43,8 @@ qint64 timeOf(const std::string& given, const QTimeZone& zone, bool isEnd) {
                      : day.startOfDay(zone).toSecsSinceEpoch();
     }
     const QDate day = dayOf(text.section('T', 0, 0).toStdString());
-    const QTime time = QTime::fromString(text.section('T', 1), "hh:mm:ss");
+    const QString timeText = text.section('T', 1);
+    const QTime time = QTime::fromString(timeText, timeText.size() > 5 ? "hh:mm:ss" : "hh:mm");
     if (!time.isValid()) {
         throw CLI::ValidationError(given, "is no time; one is written as 2024-05-01T13:00:00");
     }
