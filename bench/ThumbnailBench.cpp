@@ -217,8 +217,8 @@ void memoryOfChild(benchmark::State& state) {
 }
 
 BENCHMARK(oneSourceBesideBareLoop)->UseManualTime();
-BENCHMARK(oneSourceBesideRoundRobin)->UseManualTime();
-BENCHMARK(oneSourceBesideSql)->UseManualTime();
+BENCHMARK(oneSourceBesideRoundRobin)->UseRealTime();
+BENCHMARK(oneSourceBesideSql)->UseRealTime();
 BENCHMARK(sixteenSourcesSynced)->UseManualTime();
 BENCHMARK(yearOfOneSource)->Iterations(1);
 BENCHMARK(memoryOfChild)->Arg(1)->Arg(50)->Iterations(1);

@@ -31,7 +31,8 @@ public:
     /// it stood after it. So a block carries its last item, and zeros for the others.
     struct ReplayData {
         static constexpr int kBytes = 4096;
-        /// What was begun before the block was full is still counted.
+        /// What is sent is `used` bytes: the last record that was begun before the block was full
+        /// counts too, and takes far less than the other half.
         static constexpr int kStorageBytes = 2 * kBytes;
 
         std::array<char, kStorageBytes> data{};

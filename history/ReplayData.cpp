@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <limits>
 
 namespace {
 
@@ -16,7 +17,8 @@ void add(ReplayData* block, ItemKind kind, const char* name, const void* value, 
     const qint64 nameBytes = static_cast<qint64>(std::strlen(name)) + 1;
     const qint64 size = 1 + nameBytes + valueBytes;
     block->overflow = block->overflow || size > ReplayData::kBytes - block->used;
-    block->used = static_cast<int>(std::min<qint64>(block->used + size, ReplayData::kStorageBytes));
+    block->used =
+        static_cast<int>(std::min<qint64>(block->used + size, std::numeric_limits<int>::max()));
 
     char* const begin = block->data.data();
     const qint64 room = ReplayData::kStorageBytes - 1;

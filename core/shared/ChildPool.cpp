@@ -2,12 +2,11 @@
 
 #include "bus/DebugText.h"
 #include "bus/ForkedChild.h"
-#include "core/shared/ReapedChildren.h"
 #include "core/shared/Tokens.h"
 
-#include <cerrno>
-#include <csignal>
 #include <cstdlib>
+
+#include <sys/wait.h>
 
 void ChildPool::run(const Work& work) {
     if (_waiting.isEmpty() && hasRoom()) {
@@ -33,12 +32,11 @@ void ChildPool::forget() {
     _waiting.clear();
 }
 
-/// Only the last children that were reaped are known. One that ended long ago is found by its pid,
-/// which nobody has any more; where another process has it by now, when that one ends too.
-bool ChildPool::hasEnded(const Child& child) {
-    int status = 0;
-    return ReapedChildren::find(child.pid, child.reapedBefore, status) ||
-           (kill(child.pid, 0) != 0 && errno == ESRCH);
+/// Asked without reaping, which is the signal handler's: one that was reaped is no child any more,
+/// even where another process has its pid by now.
+bool ChildPool::hasEnded(pid_t child) {
+    siginfo_t info{};
+    return waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) != 0;
 }
 
 bool ChildPool::hasRoom() {
@@ -47,14 +45,13 @@ bool ChildPool::hasRoom() {
 }
 
 void ChildPool::start(const Work& work) {
-    const unsigned reapedBefore = ReapedChildren::count();
     const pid_t child = ForkedChild::start();
     if (child < 0) {
         DebugText::send(Tokens::kClientName, "no child, request dropped");
         return;
     }
     if (child > 0) {
-        _running.append({child, reapedBefore});
+        _running.append(child);
         return;
     }
     ChildPools::forget();

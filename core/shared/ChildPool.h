@@ -26,19 +26,13 @@ public:
     void forget();
 
 private:
-    struct Child {
-        pid_t pid;
-        /// A value of ReapedChildren::count from before the fork.
-        unsigned reapedBefore;
-    };
-
-    static bool hasEnded(const Child& child);
+    static bool hasEnded(pid_t child);
     bool hasRoom();
     void start(const Work& work);
 
     int _maximumRunning;
     int _maximumWaiting;
-    QList<Child> _running;
+    QList<pid_t> _running;
     QList<Work> _waiting;
 };
 

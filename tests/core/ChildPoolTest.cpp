@@ -260,13 +260,23 @@ TEST_F(ChildPoolTest, AChildThatEndedLongAgoLeavesItsRoom) {
     EXPECT_EQ(letters(2), "ab");
 }
 
-TEST_F(ChildPoolTest, AChildThatIsNotReapedYetStillCounts) {
+TEST_F(ChildPoolTest, AChildThatIsNotReapedYetStillCountsAndIsLeftToBeReaped) {
     ChildPool pool(1, 0);
     pool.run(says('a'));
     siginfo_t info{};
     ASSERT_EQ(waitid(P_ALL, 0, &info, WEXITED | WNOWAIT), 0);
     pool.run(says('b'));
     EXPECT_EQ(drops(), QList<QByteArray>{kTooMany});
+    reap(1);
+}
+
+TEST_F(ChildPoolTest, AProcessThatIsNoChildTakesNoRoom) {
+    ChildPool pool(1, 0);
+    fork.set(ForkStandIn::Outcome::IsAnothers);
+    pool.run(says('a'));
+    pool.run(says('b'));
+    EXPECT_EQ(fork.count(), 2) << "as where a pid has come to another process";
+    EXPECT_TRUE(drops().isEmpty());
 }
 
 TEST_F(ChildPoolTest, WorkThatReturnsGoesOnInTheChildAndKnowsNoneOfItsParentsWork) {

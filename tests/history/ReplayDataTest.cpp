@@ -112,7 +112,7 @@ TEST(ReplayDataTest, WhatWasBegunGoesOnBehindTheOverflow) {
     EXPECT_TRUE(block.overflow) << "and it stays";
 }
 
-TEST(ReplayDataTest, NoItemAndNoNumberOfItemsLeavesTheBlock) {
+TEST(ReplayDataTest, NoItemAndNoNumberOfItemsLeavesTheBlockAndEachIsCounted) {
     const QByteArray longText(20'000, 'x');
     Block block;
     Manager::replayAddString(&block, longText.constData(), longText.constData());
@@ -122,7 +122,7 @@ TEST(ReplayDataTest, NoItemAndNoNumberOfItemsLeavesTheBlock) {
         Manager::replayAddFloat(&block, "value", 5);
     }
     EXPECT_TRUE(block.overflow);
-    EXPECT_EQ(block.used, Block::kStorageBytes);
+    EXPECT_EQ(block.used, 40'003 + 20'004 + 20'006 + 10'000 * 11);
 }
 
 TEST(ReplayDataTest, ANameThatFillsTheBlockEndsWithItsNulAndLeavesNoValue) {

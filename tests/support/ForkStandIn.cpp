@@ -1,10 +1,15 @@
 #include "tests/support/ForkStandIn.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <optional>
+#include <utility>
+#include <vector>
 
 #include <dlfcn.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -15,8 +20,23 @@ constexpr pid_t kNobody = 0x7fffffff;
 
 Outcome g_outcome = Outcome::Works;
 int g_count = 0;
+std::vector<pid_t> g_busy;
 /// Of the child that is played; whoever catches its end and ends it again changes nothing.
 std::optional<int> g_status;
+
+pid_t makeBusyChild(pid_t (*realFork)()) {
+    const pid_t child = realFork();
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        for (;;) {
+            pause();
+        }
+    }
+    if (child > 0) {
+        g_busy.push_back(child);
+    }
+    return child;
+}
 
 }  // namespace
 
@@ -27,6 +47,10 @@ ForkStandIn::ForkStandIn(Outcome outcome) {
 
 ForkStandIn::~ForkStandIn() {
     set(Outcome::Works);
+    for (const pid_t child : std::exchange(g_busy, {})) {
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+    }
 }
 
 void ForkStandIn::set(Outcome outcome) {
@@ -46,8 +70,10 @@ extern "C" pid_t fork() noexcept {
             return -1;
         case Outcome::EndsAtOnce:
             return kNobody;
-        case Outcome::IsBusy:
+        case Outcome::IsAnothers:
             return getpid();
+        case Outcome::IsBusy:
+            return makeBusyChild(real);
         case Outcome::IsPlayed:
             g_status.reset();
             return 0;

@@ -11,7 +11,10 @@ public:
         Fails,
         /// No process is made: the pid is one that nobody has, as of a child that is gone already.
         EndsAtOnce,
-        /// No process is made: the pid is this one's own, as of a child that does not end.
+        /// No process is made: the pid is this one's own, as of a child that is gone and whose
+        /// pid another process has by now.
+        IsAnothers,
+        /// A child that does nothing until this stand-in goes.
         IsBusy,
         /// No process is made: this one goes on as its own child, and where that ends, EndOfChild
         /// is thrown.
