@@ -112,9 +112,8 @@ void oneSourceBesideRoundRobin(benchmark::State& state) {
     PairedTiming timing(1);
     for (auto _ : state) {
         peer.clear();
-        state.SetIterationTime(
-            timing.turn([&] { site.buildWithoutSync(Site::dataFile(0), Site::thumbnailFile(0)); },
-                        [&] { peer.update(); }));
+        timing.turn([&] { site.buildWithoutSync(Site::dataFile(0), Site::thumbnailFile(0)); },
+                    [&] { peer.update(); });
     }
     reportSpeedUp(state, timing);
 }
@@ -125,9 +124,8 @@ void oneSourceBesideSql(benchmark::State& state) {
     PairedTiming timing(1);
     for (auto _ : state) {
         int rows = 0;
-        state.SetIterationTime(
-            timing.turn([&] { site.buildWithoutSync(Site::dataFile(0), Site::thumbnailFile(0)); },
-                        [&] { rows = peer.query(); }));
+        timing.turn([&] { site.buildWithoutSync(Site::dataFile(0), Site::thumbnailFile(0)); },
+                    [&] { rows = peer.query(); });
         require(rows == kIntervalsOfDay, "the query found something else");
     }
     reportSpeedUp(state, timing);
