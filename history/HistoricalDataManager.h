@@ -28,7 +28,8 @@ public:
     /// A block of replayed values: items of a kind byte (0 int, 1 float, 2 string), the name with
     /// its NUL, and the value.
     /// KEPT: each item is written at the block's start, over the one before it, and counts as if
-    /// it stood after it. So a block carries its last item, and zeros for the others.
+    /// it stood after it. So a block carries its last item; what follows is left over from longer
+    /// ones, or zeros.
     struct ReplayData {
         static constexpr int kBytes = 4096;
         /// What is sent is `used` bytes: the last record that was begun before the block was full
@@ -112,6 +113,7 @@ private:
 
     void becomeWorker(const QString& requester, const QString& start);
     ReplayJob* findJob(int jobId);
+    void replayDays(ReplayJob* job, const QDate& first);
     void findDays(ReplayJob* job, const QDate& first);
     void prepDay(ReplayJob* job, const QString& day);
     bool replayDay(ReplayJob* job);

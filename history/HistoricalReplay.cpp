@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstdio>
+#include <cstdlib>
 
 namespace {
 
@@ -202,15 +203,24 @@ void HistoricalDataManager::continueHistoricalReplay(int jobId, QString options)
     }
     job->startTime = static_cast<quint32>(start.toSecsSinceEpoch());
     job->isStreaming = true;
-    findDays(job, start.date());
-    for (const QString& day : std::as_const(job->days)) {
-        prepDay(job, day);
-        if (!replayDay(job)) {
-            break;
-        }
+    try {
+        replayDays(job, start.date());
+    } catch (...) {
+        DebugText::send(_debug, "no memory for the replay");
+        ForkedChild::end(EXIT_FAILURE);
     }
     if (!g_quit) {
         ForkedChild::end();
+    }
+}
+
+void HistoricalDataManager::replayDays(ReplayJob* job, const QDate& first) {
+    findDays(job, first);
+    for (const QString& day : std::as_const(job->days)) {
+        prepDay(job, day);
+        if (!replayDay(job)) {
+            return;
+        }
     }
 }
 

@@ -45,6 +45,8 @@ bool ChildPool::hasRoom() {
 }
 
 void ChildPool::start(const Work& work) {
+    // Before the fork: a child that is not counted would keep no other waiting.
+    _running.reserve(_running.size() + 1);
     const pid_t child = ForkedChild::start();
     if (child < 0) {
         DebugText::send(Tokens::kClientName, "no child, request dropped");
@@ -78,8 +80,12 @@ ChildPool g_lookupsAndListings(kMaximumLookupsAndListings, kMaximumWaiting);
 ChildPool g_invalidLookups(kMaximumInvalidLookups, 0);
 ChildPool g_replayWorkers(kMaximumReplayWorkers, 0);
 
-void startWaiting() {
-    g_lookupsAndListings.startWaiting();
+void startWaiting() noexcept {
+    try {
+        g_lookupsAndListings.startWaiting();
+    } catch (...) {
+        DebugText::send(Tokens::kClientName, "no memory for a child, request dropped");
+    }
 }
 
 void forget() {

@@ -45,7 +45,8 @@ extern ChildPool g_lookupsAndListings;
 extern ChildPool g_invalidLookups;
 extern ChildPool g_replayWorkers;
 
-void startWaiting();
+/// In the daemon's pass; without memory, the first that waits is dropped with a log line.
+void startWaiting() noexcept;
 void forget();
 
 }  // namespace ChildPools

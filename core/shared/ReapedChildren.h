@@ -7,7 +7,8 @@
 /// `kRemembered` children are known.
 namespace ReapedChildren {
 
-inline constexpr unsigned kRemembered = 64;
+/// More than one pass of the loop can start: a drain takes in at most 1,024 messages.
+inline constexpr unsigned kRemembered = 2048;
 
 /// Reaps every child that has ended, without waiting, and logs each. Signal handlers may call it;
 /// errno may change. Returns how many there were.

@@ -129,8 +129,10 @@ QByteArray TarWriter::bytes() const {
 }
 
 QByteArray TarWriter::gzip(const QByteArray& bytes) {
-    // Between Qt's own length and zlib's header in front, and zlib's checksum behind.
-    const QByteArray deflated = qCompress(bytes).mid(4 + 2).chopped(4);
+    // Between Qt's own length and zlib's header in front, and zlib's checksum behind. Of nothing,
+    // Qt makes nothing; deflate makes an empty block.
+    const QByteArray deflated =
+        bytes.isEmpty() ? QByteArray::fromHex("0300") : qCompress(bytes).mid(4 + 2).chopped(4);
     return QByteArray::fromHex("1f8b0800000000000003") + deflated + littleEndianNumber(crc(bytes)) +
            littleEndianNumber(static_cast<quint32>(bytes.size()));
 }

@@ -59,8 +59,8 @@ protected:
     }
 
     void sendValues(const Request& request, int gauge, const QList<float>& floats) {
-        QByteArray block(floats.size() * qsizetype{sizeof(float)}, Qt::Uninitialized);
-        std::memcpy(block.data(), floats.constData(), static_cast<std::size_t>(block.size()));
+        const QByteArray block(reinterpret_cast<const char*>(floats.constData()),
+                               floats.size() * qsizetype{sizeof(float)});
         sendBlock(request, gauge, block);
     }
 
