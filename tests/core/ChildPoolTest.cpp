@@ -244,12 +244,11 @@ TEST_F(ChildPoolTest, AForkThatFailsForWaitingWorkDropsThatAndGoesOnWithTheNext)
     EXPECT_EQ(fork.count(), 3) << "nothing waits any more";
 }
 
-TEST_F(ChildPoolTest, AChildThatEndedLongAgoLeavesItsRoom) {
+TEST_F(ChildPoolTest, AChildThatEndedManyChildrenAgoLeavesItsRoom) {
     ChildPool pool(1, 0);
     pool.run(says('a'));
     reap(1);
-    // So many that nobody remembers the first.
-    for (unsigned i = 0; i < ReapedChildren::kRemembered + 1; ++i) {
+    for (int i = 0; i < 20; ++i) {
         if (::fork() == 0) {
             _exit(0);
         }
