@@ -58,12 +58,11 @@ void FileListing::addTree(const std::string& directory, const Progress& progress
 
 void FileListing::flush() {
     qsizetype written = 0;
-    // A device that is full takes the first part of a block without an error.
-    while (written < _lines.size()) {
+    // A device that is full takes the first part of a block without an error. After an error no
+    // more is written: a device that had room again would forget it, and the listing have a hole.
+    while (!_hasFailed && written < _lines.size()) {
         const qint64 count = _out.write(_lines.constData() + written, _lines.size() - written);
-        if (count <= 0) {
-            break;
-        }
+        _hasFailed = count <= 0;
         written += count;
     }
     _lines.resize(0);

@@ -33,5 +33,6 @@ private:
 
     QIODevice& _out;
     QByteArray _lines;
+    bool _hasFailed = false;
     std::vector<DirectoryEntries::Identity> _wayDown;
 };

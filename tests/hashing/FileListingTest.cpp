@@ -1,8 +1,10 @@
+#include "hashing/FileListing.h"
 #include "tests/hashing/FileListingFixture.h"
 #include "tests/support/FullDisk.h"
 
 #include <QFileInfo>
 
+#include <optional>
 #include <utility>
 
 namespace {
@@ -182,6 +184,24 @@ TEST_F(FileListingTest, OnADiskThatIsFullInTheMiddleOfALongListingNothingHalfIsP
         EXPECT_FALSE(QFileInfo::exists(kCardTemporary)) << room;
     }
     EXPECT_EQ(cardListing().count('\n'), 5000);
+}
+
+TEST_F(FileListingTest, ADiskThatHasRoomAgainLaterLeavesNoHoleUnnoticed) {
+    for (int i = 0; i < 400; ++i) {  // more than is written at a time
+        writeTestFile("/mmc/" + QString::number(i).rightJustified(200, 'n'), "");
+    }
+    QFile out(kCardTemporary);
+    ASSERT_TRUE(out.open(QIODevice::WriteOnly | QIODevice::Unbuffered));
+    std::optional<FullDiskAt> limit(std::in_place, 1000);
+    FileListing listing(out);
+    listing.addTree("/mmc/", [&](int total, int done) {
+        if (done == total) {
+            limit.reset();
+        }
+    });
+    listing.flush();
+    EXPECT_NE(out.error(), QFileDevice::NoError);
+    EXPECT_EQ(out.size(), 1000);
 }
 
 TEST_F(FileListingTest, KeptPathIsReturnedWhereTheListingCannotBePutInItsPlace) {

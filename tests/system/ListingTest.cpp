@@ -1,9 +1,12 @@
 #include "tests/system/SystemTest.h"
 
 #include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <sstream>
 
 namespace {
 
@@ -12,6 +15,7 @@ constexpr int kListingFinished = 0x14A1;
 constexpr char kCardListing[] = "/root/data/user1/.files..mmc";
 constexpr int kAtOnce = 8;
 constexpr int kWaiting = 64;
+constexpr int kNiceValue = 15;
 
 WireMessage listingRequest(const std::string& folder, const std::string& root) {
     return WireMessage(kGenerateListing).text(folder).text(root);
@@ -70,6 +74,12 @@ protected:
         EXPECT_EQ(message.number(1), id);
     }
 
+    bool hasArrived(const std::string& topic) const {
+        return std::any_of(
+            _client.deliveries.begin(), _client.deliveries.end(),
+            [&](const RawBusClient::Delivery& delivery) { return delivery.topic == topic; });
+    }
+
     void expectNoNotification() const {
         for (const RawBusClient::Delivery& delivery : _client.deliveries) {
             EXPECT_FALSE(delivery.topic.starts_with("Notification/")) << delivery.topic;
@@ -82,6 +92,7 @@ TEST_F(ListingTest, AListingOfTheCardIsNotifiedWrittenAndAnswered) {
     writeFile("/mmc/x/b", "");
     ASSERT_NO_FATAL_FAILURE(startBoth());
     const WireMessage reply = ask(listingRequest("user1", "/mmc"));
+    EXPECT_TRUE(hasArrived("Notification/delete")) << "before the reply";
     expectListing(reply, "/mmc", kCardListing);
 
     const std::string title = "Creating file listings for card storage";
@@ -188,6 +199,40 @@ TEST_F(ListingTest, TheDaemonAnswersWhileAListingIsMade) {
     ASSERT_TRUE(_client.pumpUntil([&] { return !children().empty(); }, 5000));
     EXPECT_TRUE(answersKeepAlive(1000));
     EXPECT_GE(open("/root/data/file", kReadWrite), 0);
+    expectListing(replyTo(connection, 30'000), "/mmc", kCardListing);
+}
+
+TEST_F(ListingTest, FiftyThousandNamesInOneDirectoryAreAllListedInOrder) {
+    constexpr int kNames = 50'000;
+    std::filesystem::create_directory("/mmc/day");
+    for (int i = 0; i < kNames; ++i) {
+        const std::string path = "/mmc/day/" + std::to_string(1'000'000 + i);
+        ASSERT_EQ(::mknod(path.c_str(), S_IFREG | 0644, 0), 0);
+    }
+    ASSERT_NO_FATAL_FAILURE(startBoth());
+    const int connection = send(listingRequest("user1", "/mmc"));
+    ASSERT_TRUE(_client.pumpUntil([&] { return !children().empty(); }, 5000));
+    EXPECT_TRUE(answersKeepAlive(1000));
+    expectListing(replyTo(connection, 60'000), "/mmc", kCardListing);
+    std::istringstream listing(readFile(kCardListing));
+    int name = 0;
+    for (std::string line; std::getline(listing, line); ++name) {
+        ASSERT_TRUE(line.starts_with("0,")) << line;
+        ASSERT_TRUE(line.ends_with(",/mmc/day/" + std::to_string(1'000'000 + name))) << line;
+    }
+    EXPECT_EQ(name, kNames);
+}
+
+TEST_F(ListingTest, TheWorkYieldsToTheDaemon) {
+    fillCard();
+    ASSERT_NO_FATAL_FAILURE(startBoth());
+    const int connection = send(listingRequest("user1", "/mmc"));
+    const auto hasYielded = [this] {
+        const std::vector<pid_t> working = children();
+        return !working.empty() &&
+               getpriority(PRIO_PROCESS, static_cast<id_t>(working.front())) == kNiceValue;
+    };
+    EXPECT_TRUE(_client.pumpUntil(hasYielded, 5000));
     expectListing(replyTo(connection, 30'000), "/mmc", kCardListing);
 }
 
