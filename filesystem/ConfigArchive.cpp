@@ -20,8 +20,14 @@ qint64 freeBytes(int folder) {
     return static_cast<qint64>(status.f_bavail) * static_cast<qint64>(status.f_frsize);
 }
 
+/// Some file systems do not count files: they have room for 0 of 0.
+bool hasRoomForFiles(int folder) {
+    struct statvfs status;
+    return ::fstatvfs(folder, &status) == 0 && (status.f_files == 0 || status.f_favail > 0);
+}
+
 bool hasReserve(int folder) {
-    return freeBytes(folder) >= ConfigArchive::kReservedBytes;
+    return freeBytes(folder) >= ConfigArchive::kReservedBytes && hasRoomForFiles(folder);
 }
 
 }  // namespace
@@ -30,11 +36,13 @@ namespace ConfigArchive {
 
 bool pack(const QList<QByteArray>& names, int output) {
     // Packed where they are: a copy of everything would cost more than tar itself.
-    Subprocess tar = {.arguments = {"tar", "--create", "--gzip", "--file=-", "--hard-dereference",
-                                    "--transform=s,^\\./,root/config/configBackup/,rSH",
-                                    "--directory=/", kMembers, "--directory=/root/config", "--"},
-                      .output = output,
-                      .longestMilliseconds = kLongestTarMilliseconds};
+    // To tar a backslash in a name means more than itself, unless told not to.
+    Subprocess tar = {
+        .arguments = {"tar", "--create", "--gzip", "--file=-", "--no-unquote", "--hard-dereference",
+                      "--transform=s,^\\./,root/config/configBackup/,rSH", "--directory=/",
+                      kMembers, "--directory=/root/config", "--"},
+        .output = output,
+        .longestMilliseconds = kLongestTarMilliseconds};
     for (const QByteArray& name : names) {
         tar.arguments.append("./" + name);
     }

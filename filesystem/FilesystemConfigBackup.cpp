@@ -20,6 +20,8 @@ namespace {
 
 /// An archive being written; left by a sudden end, the next one replaces it.
 constexpr char kPartialArchive[] = ".configBackup.part";
+/// Travels in the archive, like that of any other folder.
+constexpr mode_t kScratchMode = 0777;
 /// Names in the scratch folder, beside "root" of the archive.
 constexpr char kOldFolder[] = "old";
 
@@ -39,7 +41,7 @@ class Scratch {
 public:
     Scratch() : _config(FolderTree::openFolder(AT_FDCWD, StoragePaths::kConfigRoot)) {
         if (FolderTree::remove(config(), ConfigArchive::kScratchName) &&
-            ::mkdirat(config(), ConfigArchive::kScratchName, S_IRWXU) == 0) {
+            ::mkdirat(config(), ConfigArchive::kScratchName, kScratchMode) == 0) {
             _scratch = FolderTree::openFolder(config(), ConfigArchive::kScratchName);
         }
     }
@@ -92,7 +94,7 @@ bool gather(const Scratch& scratch, const QByteArray& folder, QList<QByteArray>&
 }
 
 void writeArchive(int config, const QList<QByteArray>& names, const QByteArray& archive) {
-    ::unlinkat(config, kPartialArchive, 0);
+    FolderTree::remove(config, kPartialArchive);
     const Descriptor output(
         ::openat(config, kPartialArchive, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
     if (!output.isOpen()) {

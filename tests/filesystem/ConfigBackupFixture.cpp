@@ -18,7 +18,7 @@ ConfigBackupFixture::Snapshot ConfigBackupFixture::snapshot(const std::string& r
         EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
         std::ostringstream text;
         text << std::oct << status.st_mode << std::dec << ' ' << status.st_uid << ' '
-             << status.st_mtim.tv_sec << ' ';
+             << status.st_gid << ' ' << status.st_mtim.tv_sec << ' ';
         if (S_ISLNK(status.st_mode)) {
             text << fs::read_symlink(path);
         } else if (S_ISREG(status.st_mode)) {

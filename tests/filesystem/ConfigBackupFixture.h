@@ -1,8 +1,8 @@
 #pragma once
 
 #include "tests/filesystem/FilesystemFixture.h"
-#include "tests/filesystem/TarWriter.h"
 #include "tests/support/FakeBus.h"
+#include "tests/support/TarWriter.h"
 
 #include <map>
 #include <string>
@@ -12,7 +12,7 @@ class ConfigBackupFixture : public FilesystemFixture {
 protected:
     static constexpr char kMembers[] = "root/config/configBackup/";
 
-    /// What stands where, below a root: kind, mode, owner and time, and contents or target.
+    /// What stands where, below a root: kind, mode, owners and time, and contents or target.
     using Snapshot = std::map<std::string, std::string>;
     static Snapshot snapshot(const std::string& root);
 

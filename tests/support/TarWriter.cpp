@@ -1,4 +1,4 @@
-#include "tests/filesystem/TarWriter.h"
+#include "tests/support/TarWriter.h"
 
 #include <QtEndian>
 
