@@ -5,7 +5,6 @@
 enum DaemonCommand : int {
     COMMAND_KEEPALIVE = 0,                  ///< "" -> "i" process id
     COMMAND_QUIT = 1,                       ///< ""
-    COMMAND_WRITE_COUNT = 80,               ///< "ii" connection, bytes still queued
     COMMAND_THUMBNAIL_DAY = 220,            ///< "SS" job, date
     COMMAND_LOOKUP = 230,                   ///< "SiiSSS", see HistoricalDataManager::lookup
     COMMAND_BEGIN_REPLAY = 231,             ///< "SS" requester, start

@@ -79,7 +79,7 @@ struct Command {
 constexpr Command kCommands[] = {
     {COMMAND_KEEPALIVE, handleKeepalive},
     {COMMAND_QUIT, handleQuit},
-    {COMMAND_WRITE_COUNT, handleByFileService},
+    {MESSAGE_WRITE_COUNT, handleByFileService},
     {COMMAND_THUMBNAIL_DAY, handleThumbnailDay},
     {COMMAND_LOOKUP, handleLookup},
     {COMMAND_BEGIN_REPLAY, handleBeginReplay},
@@ -97,12 +97,19 @@ const Command* findCommand(int code) {
 }
 
 void answerFailure(const Message& request) {
-    if (request.command() != MESSAGE_FILE_OPEN) {
-        sendMessageToConnection(request.tag(), request.command());
-        return;
-    }
     Message reply;
-    reply.construct(MESSAGE_FILE_OPEN, "Sii", request.parameterAsString(0), -1, -1);
+    switch (request.command()) {
+        case MESSAGE_FILE_OPEN:
+            reply.construct(MESSAGE_FILE_OPEN, "Sii", request.parameterAsString(0), -1, -1);
+            break;
+        case MESSAGE_CONFIG_BACKUP:
+        case MESSAGE_CONFIG_RESTORE:
+            reply.construct(request.command(), "c", 0);
+            break;
+        default:
+            sendMessageToConnection(request.tag(), request.command());
+            return;
+    }
     sendMessageToConnection(request.tag(), &reply);
 }
 
@@ -129,7 +136,7 @@ bool processMessage(Message& message) noexcept {
 }
 
 int fileServiceConnection(const Message& message) {
-    return message.command() == COMMAND_WRITE_COUNT ? message.parameterAsInt32(0) : message.tag();
+    return message.command() == MESSAGE_WRITE_COUNT ? message.parameterAsInt32(0) : message.tag();
 }
 
 bool handleGuarded(CommandHandler handler, Message& message) noexcept {

@@ -1,10 +1,14 @@
 #pragma once
 
+#include "hashing/ListingReply.h"
+#include "jobs/DownloadStream.h"
+
 /// The codes of the remote file protocol, for the daemon and for its clients. A reply carries its
 /// request's code; a bare reply (no parameters) says that the request failed. Request and success
 /// reply formats stand beside each code.
 enum FileProtocolCode : int {
-    MESSAGE_WRITE_COUNT = 80,             ///< "ii" connection, bytes still queued; not answered
+    /// "ii" connection, bytes still queued; not answered.
+    MESSAGE_WRITE_COUNT = DownloadStream::kWriteCountCommand,
     MESSAGE_FILE_OPEN = 0x1400,           ///< "Si" path, flags -> "Sii" path, handle, length
     MESSAGE_FILE_CLOSE = 0x1401,          ///< "i" handle -> "i" handle
     MESSAGE_FILE_READ = 0x1402,           ///< "iii" handle, offset, length -> "iiB"
@@ -18,12 +22,13 @@ enum FileProtocolCode : int {
     MESSAGE_GET_FILE_IN_DIR = 0x1452,     ///< "ii" handle, index -> "iiSiii" ..., name, length,
                                           ///< creation and modification time (seconds, UTC)
     MESSAGE_GENERATE_LISTING = 0x14A0,    ///< "SS" folder, root -> MESSAGE_LISTING_FINISHED
-    MESSAGE_LISTING_FINISHED = 0x14A1,    ///< "SS" root, path of the listing or "" where it failed
-    MESSAGE_LZF_DOWNLOAD = 0x14B0,        ///< "iS" transfer, entries -> many of "iB" transfer,
-                                          ///< a piece of the stream
-    MESSAGE_DOWNLOAD_UNUSED = 0x14B1,     ///< known, and dropped
-    MESSAGE_CONFIG_BACKUP = 0x14C0,       ///< "SS" folder, archive -> "c" 1, 0 where it failed
-    MESSAGE_CONFIG_RESTORE = 0x14C1,      ///< the same
+    /// "SS" root, path of the listing or "" where it failed.
+    MESSAGE_LISTING_FINISHED = ListingReply::kCommand,
+    /// "iS" transfer, entries -> many of "iB" transfer, a piece of the stream.
+    MESSAGE_LZF_DOWNLOAD = DownloadStream::kCommand,
+    MESSAGE_DOWNLOAD_UNUSED = 0x14B1,  ///< known, and dropped
+    MESSAGE_CONFIG_BACKUP = 0x14C0,    ///< "SS" folder, archive -> "c" 1, 0 where it failed
+    MESSAGE_CONFIG_RESTORE = 0x14C1,   ///< the same
 };
 
 /// A read reply carries at most this much; a longer read fails.

@@ -31,12 +31,9 @@ public:
     /// The first four bytes of the digest of a memory block, little-endian.
     static int calculate32BitMemoryHash(const char* data, int length);
 
-    /// The command of a finished listing's message, "SS": root, path of the listing or "".
-    static constexpr int kListingReplyCommand = 0x14A1;
-
     /// Makes a listing of `root` for the client's folder in a child, which answers `connection`
-    /// and ends; no answer where the child cannot be forked. Notifies the unit's users, unless
-    /// the root starts with "/root".
+    /// (ListingReply.h) and ends; no answer where the child cannot be forked. Notifies the unit's
+    /// users, unless the root starts with "/root".
     static void forkGenerateFileListing(int connection, const QString& folder, const QString& root);
 
     /// Makes the listing and returns its path, also where storage is full and the last listing

@@ -8,6 +8,7 @@
 #include "hashing/FileListing.h"
 #include "hashing/ListingFile.h"
 #include "hashing/ListingNotification.h"
+#include "hashing/ListingReply.h"
 
 #include <QDir>
 
@@ -31,7 +32,7 @@ std::string absoluteDirectory(const QString& directory) {
 
 void sendListing(int connection, const QString& root, const QString& path) {
     Message reply;
-    reply.construct(FileHashManager::kListingReplyCommand, "SS", root.toUtf8().constData(),
+    reply.construct(ListingReply::kCommand, "SS", root.toUtf8().constData(),
                     path.toUtf8().constData());
     sendMessageToConnection(connection, &reply);
 }

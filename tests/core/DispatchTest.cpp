@@ -229,6 +229,19 @@ TEST_F(DispatchTest, AnOpenThatRunsOutOfMemoryGetsItsOwnFailureForm) {
     EXPECT_EQ(sent[0].message.parameterAsInt32(2), -1);
 }
 
+TEST_F(DispatchTest, AnArchiveThatRunsOutOfMemoryGetsItsOwnFailureForm) {
+    for (const int command : {MESSAGE_CONFIG_BACKUP, MESSAGE_CONFIG_RESTORE}) {
+        Message request = message(7, command, "SS", "site", "a.configBackup");
+        EXPECT_TRUE(handleGuarded(runOutOfMemory, request));
+        const QList<FakeBus::Sent> sent = bus.takeSent();
+        ASSERT_EQ(sent.size(), 1);
+        EXPECT_EQ(sent[0].connection, 7);
+        EXPECT_EQ(sent[0].message.command(), command);
+        EXPECT_STREQ(sent[0].message.formatString(), "c");
+        EXPECT_EQ(sent[0].message.parameterAsByte(0), 0);
+    }
+}
+
 TEST_F(DispatchTest, ADaemonCommandThatFailsIsAnsweredByNobody) {
     for (const int command : {0, 1, 80, 220, 230, 231, 232, 234}) {
         Message request = message(7, command, "");

@@ -345,7 +345,7 @@ private:
         }
         if (expected.startsDownload) {
             REQUIRE(sent.token == Tokens::kConnectionManager);
-            REQUIRE(reply.command() == COMMAND_WRITE_COUNT);
+            REQUIRE(reply.command() == MESSAGE_WRITE_COUNT);
             REQUIRE(reply.parameterAsInt32(0) == expected.connection);
             return;
         }

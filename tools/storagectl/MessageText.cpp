@@ -21,7 +21,7 @@ struct CommandName {
 
 constexpr CommandName kNames[] = {
     {1, "quit"},
-    {80, "write count"},
+    {MESSAGE_WRITE_COUNT, "write count"},
     {220, "thumbnail day"},
     {221, "thumbnail day done"},
     {230, "historical lookup"},
@@ -40,10 +40,10 @@ constexpr CommandName kNames[] = {
     {MESSAGE_OPEN_DIRECTORY, "MESSAGE_OPEN_DIRECTORY"},
     {MESSAGE_CLOSE_DIRECTORY, "MESSAGE_CLOSE_DIRECTORY"},
     {MESSAGE_GET_FILE_IN_DIR, "MESSAGE_GET_FILE_IN_DIR"},
-    {0x14A0, "generate file listing"},
-    {0x14B0, "MESSAGE_LZF_DOWNLOAD"},
-    {0x14C0, "create configuration backup"},
-    {0x14C1, "load configuration backup"},
+    {MESSAGE_GENERATE_LISTING, "generate file listing"},
+    {MESSAGE_LZF_DOWNLOAD, "MESSAGE_LZF_DOWNLOAD"},
+    {MESSAGE_CONFIG_BACKUP, "create configuration backup"},
+    {MESSAGE_CONFIG_RESTORE, "load configuration backup"},
 };
 
 QString nameOf(const QByteArray& token, int command) {
