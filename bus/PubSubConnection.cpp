@@ -96,6 +96,7 @@ void PubSubInterface::followFork() {
     _generation = ForkedChild::generation();
     _isChild = true;
     _listens = false;
+    _skipsNextWait = false;
     _held.clear();
     _droppedSends = 0;
     _outageLogged = false;

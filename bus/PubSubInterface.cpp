@@ -159,9 +159,9 @@ bool PubSubInterface::sendTokenMessage(QByteArrayView name, const Message& messa
 
 void PubSubInterface::readWaitingMessages(int milliseconds) {
     followFork();
+    const int wanted = std::exchange(_skipsNextWait, false) ? 0 : std::max(0, milliseconds);
     const quint32 start = Clock::ticks();
-    for (int left = std::max(0, milliseconds);;
-         left = std::max(0, milliseconds - Clock::ticksSince(start))) {
+    for (int left = wanted;; left = std::max(0, wanted - Clock::ticksSince(start))) {
         keepConnected();
         if (!_held.isEmpty()) {
             takeInArrived();

@@ -72,6 +72,8 @@ public:
     bool awaitSubscriptions(int milliseconds);
     /// The next wait takes in what has arrived and returns. Signal handlers may call it.
     static void wake();
+    /// The same for work between two waits that goes on after the next: costs no system call.
+    void skipNextWait() { _skipsNextWait = true; }
 
     bool isConnected() const;
     /// Grows by one whenever a connection that was up is lost, so that a stream can end with it.
@@ -137,6 +139,7 @@ private:
     bool _listens = true;  ///< false in a forked child until it rejoins
     bool _isChild = false;
     bool _holdsBack = false;
+    bool _skipsNextWait = false;
     QList<Held> _held;
     int _batchDeliveries = 0;
     qint64 _batchBytes = 0;

@@ -1,18 +1,25 @@
 #include "jobs/DownloadEntry.h"
 
-#include <QStringList>
+#include <QStringView>
 
+namespace {
+
+constexpr QChar kSeparator = u'|';
+
+}  // namespace
+
+// Not split: a hostile line would become millions of parts.
 DownloadEntry DownloadEntry::parsed(const QString& line) {
-    const QStringList parts = line.split(QLatin1Char('|'));
     DownloadEntry entry;
-    entry.path = parts.first();
-    if (parts.size() != 3) {
+    const qsizetype pathEnd = line.indexOf(kSeparator);
+    entry.path = line.left(pathEnd);
+    const qsizetype hashEnd = pathEnd < 0 ? -1 : line.indexOf(kSeparator, pathEnd + 1);
+    if (hashEnd < 0) {
         return entry;
     }
-    bool isNumber = false;
-    const int offset = parts[2].toInt(&isNumber);
-    if (isNumber && offset > 0) {
-        entry.prefixHash = parts[1];
+    const int offset = QStringView(line).sliced(hashEnd + 1).toInt();
+    if (offset > 0) {
+        entry.prefixHash = line.mid(pathEnd + 1, hashEnd - pathEnd - 1);
         entry.offset = offset;
     }
     return entry;

@@ -96,7 +96,7 @@ void LZFDownloadRemoteJob::runSlice() {
     hadActivity();
     _waitsSince = lastActivity();
     // The next slice is due at once, not after the wait for the bus.
-    PubSubInterface::wake();
+    g_pubSubInterface->skipNextWait();
 }
 
 bool LZFDownloadRemoteJob::isConnectionLost() const {
@@ -166,12 +166,14 @@ void LZFDownloadRemoteJob::startDirectory(const QString& path) {
 }
 
 void LZFDownloadRemoteJob::startFile(const DownloadEntry& entry) {
-    if (!RegularFile::open(_file, entry.path, QIODevice::ReadOnly) ||
-        _file.size() > std::numeric_limits<int>::max()) {
+    const bool isOpen = RegularFile::open(_file, entry.path, QIODevice::ReadOnly);
+    // Asked once: the file may be growing.
+    const qint64 size = isOpen ? _file.size() : -1;
+    if (size < 0 || size > std::numeric_limits<int>::max()) {
         addError(QStringLiteral("Open error"));
         return;
     }
-    _fileSize = static_cast<int>(_file.size());
+    _fileSize = static_cast<int>(size);
     if (entry.claimsPrefixOf(_fileSize)) {
         _entry = entry;
         _prefixHash.emplace(entry.offset);
@@ -253,13 +255,14 @@ void LZFDownloadRemoteJob::endDirectory() {
     addData(DownloadStream::kEmptyDirectory, 0, nullptr);
 }
 
-/// What was read of it is sent all the same.
+/// What was read of it is sent all the same. With nothing of it in the stream, an error of reading
+/// would seem to be that of the entry before.
 void LZFDownloadRemoteJob::failDirectory() {
     _directory.close();
     if (!_work.isEmpty()) {
         packWork(DownloadStream::kDirectoryBlock);
     }
-    addError(QStringLiteral("Read error"));
+    addError(_isFirstBlock ? QStringLiteral("Open error") : QStringLiteral("Read error"));
 }
 
 void LZFDownloadRemoteJob::packFileBlock() {

@@ -32,6 +32,25 @@ TEST(DownloadEntry, MissingOrBadPartsCountAsAnEmptyHashAndOffset0) {
     }
 }
 
+TEST(DownloadEntry, AnOffsetMayHaveAPlusZerosInFrontAndSpacesAround) {
+    for (const char* offset : {"+12", " 12", "12 ", "\t12\r", "0012"}) {
+        EXPECT_EQ(DownloadEntry::parsed(QString("/a|h|") + offset).offset, 12) << offset;
+    }
+}
+
+TEST(DownloadEntry, AnOffsetIsOneDecimalNumber) {
+    for (const char* offset : {" ", "+", "+ 12", "1 2", "1,200", "1'200", "0b11", "++1", "+-1",
+                               "\xd9\xa1\xd9\xa2", "\xef\xbc\x91"}) {
+        EXPECT_EQ(DownloadEntry::parsed(QString("/a|h|") + offset).offset, 0) << offset;
+    }
+}
+
+TEST(DownloadEntry, ALineOfMillionsOfSeparatorsIsReadLikeAnyOther) {
+    const DownloadEntry entry = DownloadEntry::parsed("/a" + QString(4'000'000, '|') + "5");
+    EXPECT_EQ(entry.path, "/a");
+    EXPECT_EQ(entry.offset, 0);
+}
+
 TEST(DownloadEntry, AnEmptyPathWithAHashHasAnEmptyPath) {
     EXPECT_EQ(DownloadEntry::parsed("|h|5").path, "");
     EXPECT_EQ(DownloadEntry::parsed("||").path, "");

@@ -1,4 +1,5 @@
 #include "tests/jobs/LZFDownloadFixture.h"
+#include "tests/support/FailingReaddir.h"
 
 #include <QDir>
 
@@ -65,6 +66,31 @@ TEST_F(LZFDownloadDirectoryTest, AnEntryIsItsTypeSizeTimeAndName) {
     // Type 1 + 4 + 8, 14 bytes: file, 5 bytes, time, a name of 1 byte; the end.
     EXPECT_EQ(takeStream().toHex(' '),
               "0d 0e 00 00 05 00 00 00 01 00 00 60 01 00 00 00 61 04 00 00");
+}
+
+TEST_F(LZFDownloadDirectoryTest, AnEntrysSizeIsTheLow32BitsAndItsTimeIsUnsigned) {
+    makeSparseFile(in("a"), (qint64{5} << 30) + 7);
+    makeSparseFile(in("b"), qint64{3} << 30);
+    setModified(in("a"), 0xf0000001);
+    const auto entries = byName(downloadOne(kFolder));
+    EXPECT_EQ(entries.at("a").size, (1 << 30) + 7);
+    EXPECT_EQ(entries.at("b").size, -(1 << 30));
+    EXPECT_EQ(entries.at("a").modified, 0xf0000001U);
+}
+
+TEST_F(LZFDownloadDirectoryTest, TheLogTellsTheRoadOfADirectory) {
+    writeTestFile(in("a"), "");
+    startDrained(kFolder);
+    log.clear();
+    runToEnd();
+    EXPECT_EQ(log.lines(), (QList<QByteArray>{
+                               "LZFDownloadRemoteJob: pid " + QByteArray::number(getpid()) +
+                                   " : move to next file: /root/data/folder",
+                               "LZFDownloadRemoteJob: got directory in 0 ms for /root/data/folder",
+                               "LZFDownloadRemoteJob: compression failed, write uncompressed",
+                               "LZFDownloadRemoteJob: done!",
+                               "LZFDownloadRemoteJob: destroyed",
+                           }));
 }
 
 TEST_F(LZFDownloadDirectoryTest, AnEmptyDirectoryIsARecordOfType13) {
@@ -162,7 +188,8 @@ TEST_F(LZFDownloadDirectoryTest, ASliceLooksAtSomeOfTheNamesAndNotAtAll) {
         ASSERT_EQ(symlink("none", qPrintable(in(QString::number(i)))), 0);
     }
     startDrained(kFolder);
-    EXPECT_GE(runToEnd(), 1 + 1100 / 512 + 1);
+    // It is opened, 1,102 names are looked at in 512s, and the end is sent.
+    EXPECT_EQ(runToEnd(), 1 + 3 + 1);
     EXPECT_EQ(takeStream().toHex(), "0d0000040000");
 }
 
@@ -209,6 +236,37 @@ TEST_F(LZFDownloadDirectoryTest, ADirectoryThatIsRemovedMeanwhileEnds) {
     EXPECT_TRUE(decoder.isComplete()) << decoder.fault();
     ASSERT_EQ(decoder.items().size(), 2U);
     EXPECT_EQ(decoder.items()[1].kind, Kind::EmptyDirectory);
+}
+
+TEST_F(LZFDownloadDirectoryTest, ADirectoryThatCannotBeReadOnIsAReadErrorBehindWhatThereWas) {
+    makeNames(1000, 10);
+    for (const int names : {1002, 600, 3}) {
+        const FailingReaddir failing(names);
+        const DownloadDecoder decoder = download(QString(kFolder) + "\n/none");
+        ASSERT_EQ(decoder.items().size(), 2U) << names;
+        const DownloadDecoder::Item& item = decoder.items()[0];
+        EXPECT_EQ(item.failure, "Read error") << names;
+        // "." and ".." may be among them.
+        EXPECT_GE(static_cast<int>(item.entries.size()), names - 2);
+        EXPECT_EQ(decoder.items()[1].bytes, "Missing");
+    }
+}
+
+TEST_F(LZFDownloadDirectoryTest, ADirectoryOfWhichNothingCanBeReadIsNotTheErrorOfTheFileBefore) {
+    writeTestFile(in("file"), "x");
+    const FailingReaddir failing(0);
+    const DownloadDecoder decoder = download(in("file") + '\n' + kFolder + "\n/none");
+    ASSERT_EQ(decoder.items().size(), 3U);
+    EXPECT_EQ(decoder.items()[0].failure, "");
+    EXPECT_EQ(decoder.items()[1].bytes, "Open error");
+    EXPECT_EQ(decoder.items()[2].bytes, "Missing");
+}
+
+TEST_F(LZFDownloadDirectoryTest, AnEntryThatCannotBeReadLeavesNoErrorToTheEndBehindIt) {
+    ASSERT_EQ(symlink("none", qPrintable(in("broken"))), 0);
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_EQ(downloadOne(kFolder).kind, Kind::EmptyDirectory);
+    }
 }
 
 TEST_F(LZFDownloadDirectoryTest, AFileBehindADirectoryIsAFile) {

@@ -1,5 +1,8 @@
 #include "tests/jobs/LZFDownloadFixture.h"
 
+#include <QDir>
+
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -131,6 +134,26 @@ TEST_F(LZFDownloadFileTest, ABrokenLinkAndAPathThroughAFileAreMissing) {
     }
 }
 
+TEST_F(LZFDownloadFileTest, NothingIsTrimmedFromAPath) {
+    writeTestFile(kFile, "x");
+    for (const QString& path :
+         {QString(kFile) + '\r', QString(kFile) + ' ', ' ' + QString(kFile), QString("\t")}) {
+        EXPECT_EQ(downloadOne(path).bytes, "Missing") << path.toStdString();
+    }
+    writeTestFile(QString(kFile) + ' ', "y");
+    EXPECT_EQ(downloadOne(QString(kFile) + ' ').bytes, "y");
+}
+
+TEST_F(LZFDownloadFileTest, ARelativePathBeginsAtTheWorkingDirectory) {
+    writeTestFile(kFile, "x");
+    const QString before = QDir::currentPath();
+    ASSERT_TRUE(QDir::setCurrent("/root/data"));
+    EXPECT_EQ(downloadOne("file").bytes, "x");
+    EXPECT_EQ(downloadOne("../data/file").bytes, "x");
+    EXPECT_EQ(downloadOne(".").kind, Kind::Directory);
+    ASSERT_TRUE(QDir::setCurrent(before));
+}
+
 TEST_F(LZFDownloadFileTest, ALinkIsTheFileThatItLeadsTo) {
     writeTestFile(kFile, "x");
     ASSERT_EQ(symlink(kFile, "/root/data/link"), 0);
@@ -160,6 +183,19 @@ TEST_F(LZFDownloadFileTest, AnUnreadableFileIsAnOpenError) {
     const DownloadDecoder::Item item = downloadOne(kFile);
     // Nothing is unreadable to root.
     EXPECT_EQ(item.bytes, geteuid() == 0 ? "x" : "Open error");
+}
+
+TEST_F(LZFDownloadFileTest, WithoutAFreeDescriptorFilesAndDirectoriesAreOpenErrors) {
+    writeTestFile(kFile, "x");
+    rlimit before;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{3, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const DownloadDecoder decoder = download(QString(kFile) + "\n/root/data");
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    ASSERT_EQ(decoder.items().size(), 2U);
+    EXPECT_EQ(decoder.items()[0].bytes, "Open error");
+    EXPECT_EQ(decoder.items()[1].bytes, "Open error");
 }
 
 TEST_F(LZFDownloadFileTest, AFileAbove2147483647BytesIsAnOpenError) {
@@ -236,6 +272,16 @@ TEST_F(LZFDownloadFileTest, AFileThatVanishesWhileItIsSentIsSentWhole) {
     ASSERT_EQ(decoder.items().size(), 2U);
     EXPECT_TRUE(decoder.items()[0].bytes == bytes.toStdString());
     EXPECT_EQ(decoder.items()[1].bytes, "Missing") << "the second time";
+}
+
+TEST_F(LZFDownloadFileTest, EachRecordAndEachMessageIsActivity) {
+    LZFDownloadRemoteJob* job = start(kFile);
+    clock.tick += 1;
+    job->addError("Missing");
+    EXPECT_EQ(job->lastActivity(), clock.tick);
+    clock.tick += 1;
+    job->sendData();
+    EXPECT_EQ(job->lastActivity(), clock.tick);
 }
 
 TEST_F(LZFDownloadFileTest, TheLogTellsTheRoadOfAFile) {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "bus/Wakeup.h"
 #include "jobs/LZFDownloadRemoteJob.h"
 #include "jobs/RemoteJobManager.h"
 #include "tests/support/DownloadDecoder.h"
@@ -15,8 +14,6 @@
 #include <gtest/gtest.h>
 
 #include <random>
-
-#include <poll.h>
 
 /// A download over a fake bus and empty roots, sliced by hand.
 class LZFDownloadFixture : public testing::Test {
@@ -127,11 +124,11 @@ protected:
         return path + '|' + hashOf(prefix) + '|' + QString::number(prefix.size());
     }
 
-    static bool wasWoken() {
-        pollfd wakeup{Wakeup::descriptor(), POLLIN, 0};
-        const bool woken = poll(&wakeup, 1, 0) > 0;
-        Wakeup::clear();
-        return woken;
+    /// Waits on the bus, and tells whether that was skipped.
+    bool skipsWait() {
+        bus.transport().waits.clear();
+        bus.bus().readWaitingMessages(1000);
+        return bus.transport().waits == QList<int>{0};
     }
 
     bool logged(const QByteArray& text) const {

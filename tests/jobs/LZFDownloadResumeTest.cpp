@@ -1,5 +1,6 @@
 #include "jobs/PrefixHash.h"
 #include "tests/jobs/LZFDownloadFixture.h"
+#include "tests/support/FailingSeek.h"
 
 #include <unistd.h>
 
@@ -116,12 +117,11 @@ TEST_F(LZFDownloadResumeTest, ALongPrefixIsHashedAPieceASliceAndEachIsActivity) 
     const QByteArray bytes = noise(pieces * PrefixHash::kPieceBytes + 10);
     writeTestFile(kFile, bytes);
     startDrained(resume(kFile, bytes.left(pieces * PrefixHash::kPieceBytes)));
-    Wakeup::clear();
     for (int slice = 0; slice < 1 + pieces; ++slice) {
         EXPECT_FALSE(logged("read next 10 bytes of file"));
         clock.tick += 1;
         manager.runSlice();
-        EXPECT_TRUE(wasWoken());
+        EXPECT_TRUE(skipsWait());
         EXPECT_EQ(manager.lastActivity(), clock.tick);
     }
     manager.runSlice();
@@ -174,6 +174,38 @@ TEST_F(LZFDownloadResumeTest, AFileThatShrinksWhileItsPrefixIsHashedIsSentFromIt
     EXPECT_EQ(decoder.items()[0].failure, "Read error");
 }
 
+TEST_F(LZFDownloadResumeTest, AFileThatShrinksToWhatTheHashIsOfDoesNotProveTheOffset) {
+    const QByteArray bytes = noise(3 * PrefixHash::kPieceBytes);
+    const QByteArray piece = bytes.left(PrefixHash::kPieceBytes);
+    writeTestFile(kFile, bytes);
+    startDrained(QString("%1|%2|%3").arg(kFile, hashOf(piece)).arg(bytes.size()));
+    manager.runSlice();
+    manager.runSlice();
+    ASSERT_EQ(truncate(kFile, piece.size()), 0);
+    runToEnd();
+    DownloadDecoder decoder;
+    decoder.add(takeStream().toStdString());
+    ASSERT_EQ(decoder.items().size(), 1U);
+    EXPECT_FALSE(decoder.items()[0].isResumed);
+    EXPECT_TRUE(decoder.items()[0].bytes == piece.toStdString());
+}
+
+TEST_F(LZFDownloadResumeTest, AnOffsetThatCannotBeReachedIsAnOpenErrorAndTheNextEntryFollows) {
+    writeTestFile(kFile, "hello, world");
+    startDrained(resume(kFile, "hello") + "\n/none");
+    manager.runSlice();
+    {
+        const FailingSeek failing;
+        manager.runSlice();
+    }
+    warnings.clear();  // Qt complains of the seek.
+    runToEnd();
+    // Type 132, 10 bytes; type 132, 7 bytes; the end.
+    EXPECT_EQ(takeStream(), QByteArray::fromHex("840a00") + "Open error" +
+                                QByteArray::fromHex("840700") + "Missing" +
+                                QByteArray::fromHex("040000"));
+}
+
 TEST_F(LZFDownloadResumeTest, AFileThatIsReplacedMeanwhileIsStillTheOneThatWasHashed) {
     const QByteArray bytes = noise(3 * PrefixHash::kPieceBytes + 100);
     writeTestFile(kFile, bytes);
@@ -200,6 +232,15 @@ TEST_F(LZFDownloadResumeTest, AResumedEntryLeavesNoTraceInTheNext) {
     EXPECT_TRUE(decoder.items()[2].isResumed);
     EXPECT_FALSE(decoder.items()[3].isResumed);
     EXPECT_TRUE(decoder.items()[3].bytes == bytes.toStdString());
+}
+
+TEST_F(LZFDownloadResumeTest, ADirectoryBehindAFileWithNothingLeftIsNotAResumedOne) {
+    writeTestFile("/root/data/folder/a", "x");
+    writeTestFile(kFile, "hello");
+    startDrained(resume(kFile, "hello") + "\n/root/data/folder");
+    runToEnd();
+    // Type 21; type 1 + 4 + 8, 14 bytes.
+    EXPECT_TRUE(takeStream().startsWith(QByteArray::fromHex("1500000d0e00")));
 }
 
 }  // namespace
