@@ -16,7 +16,8 @@ constexpr auto kKeepAliveInterval = std::chrono::seconds(3);
 const std::string kKeepAlive(5, '\0');
 
 int millisecondsUntil(SteadyClock::time_point end) {
-    const auto left = std::chrono::duration_cast<milliseconds>(end - SteadyClock::now()).count();
+    // Rounded up: the last millisecond is waited out too, not polled away.
+    const auto left = std::chrono::ceil<milliseconds>(end - SteadyClock::now()).count();
     return left > 0 ? static_cast<int>(left) : 0;
 }
 
