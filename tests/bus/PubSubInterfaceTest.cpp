@@ -68,6 +68,18 @@ TEST_F(PubSubInterfaceTest, AWakenedWaitTakesInWhatHasArrived) {
     EXPECT_EQ(payloads(), Payloads{"x"});
 }
 
+TEST_F(PubSubInterfaceTest, ASkippedWaitTakesInWhatHasArrivedAndIsOnlyTheNext) {
+    bus->skipNextWait();
+    bus->skipNextWait();
+    bus->readWaitingMessages(25'000);
+    transport->deliver("a", "x");
+    bus->skipNextWait();
+    bus->readWaitingMessages(25'000);
+    EXPECT_EQ(payloads(), Payloads{"x"});
+    bus->readWaitingMessages(25'000);
+    EXPECT_EQ(transport->waits, (QList<int>{0, 0, 25'000}));
+}
+
 TEST_F(PubSubInterfaceTest, AWakeUpInsideTheWaitEndsIt) {
     transport->onWait = [this](int) {
         passTime(10);

@@ -38,9 +38,8 @@ static_assert(kMostProcesses == 22);
 constexpr std::int32_t kJune = kMay + 31 * kDaySeconds;
 constexpr char kRead[] = "/root/data/read";
 constexpr char kDownload[] = "/root/data/download";
-constexpr int kDownloadConnection = 77;
-constexpr char kReportTopic[] = "ConnectionManager/writeCount/77";
-constexpr int kTransfer = 5;
+constexpr int kDownloads = 8;
+constexpr int kFirstDownload = 77;  ///< its connection, and its transfer's number
 
 std::string path(const std::string& folder, int n) {
     return "/root/data/" + folder + "/" + std::to_string(n);
@@ -51,11 +50,15 @@ int millisecondsSince(Clock::time_point begin) {
     return static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count());
 }
 
+std::string reportTopic(int connection) {
+    return "ConnectionManager/writeCount/" + std::to_string(connection);
+}
+
 std::string content(int n) {
     return "content " + std::to_string(n) + "\n";
 }
 
-/// Everything that a child must leave to its parent is there when the burst comes: a download under
+/// Everything that a child must leave to its parent is there when the burst comes: downloads under
 /// way, open handles, queued thumbnail days, and a full batch of requests.
 class BurstTest : public SystemTest {
 protected:
@@ -91,35 +94,43 @@ protected:
         }
     }
 
-    void startDownload() {
-        sendFrom(kDownloadConnection,
-                 WireMessage(0x14B0).integer(kTransfer).text(kDownload).encoded());
-        // Reports are heard from here on.
-        EXPECT_EQ(nextMessage("ConnectionManager/to").command, 80);
-        reportQueueEmpty();
+    void startDownloads() {
+        for (int n = 0; n < kDownloads; ++n) {
+            const int connection = kFirstDownload + n;
+            _decoders[connection];
+            sendFrom(connection, WireMessage(0x14B0).integer(connection).text(kDownload).encoded());
+            // Reports are heard from here on.
+            EXPECT_EQ(nextMessage("ConnectionManager/to").command, 80);
+        }
+        reportQueuesEmpty();
         ASSERT_TRUE(_client.pumpUntil(
             [&] {
-                takeDownload();
-                return !_decoder.records().empty();
+                takeDownloads();
+                return std::none_of(_decoders.begin(), _decoders.end(), [](const auto& entry) {
+                    return entry.second.records().empty();
+                });
             },
             5000));
     }
 
-    void reportQueueEmpty() {
-        _client.publish(kReportTopic,
-                        WireMessage(80).integer(kDownloadConnection).integer(0).encoded());
+    void reportQueuesEmpty() {
+        for (const auto& [connection, decoder] : _decoders) {
+            _client.publish(reportTopic(connection),
+                            WireMessage(80).integer(connection).integer(0).encoded());
+        }
     }
 
-    void takeDownload() {
+    void takeDownloads() {
         for (Reply& reply : takeReplies()) {
-            if (reply.connection != kDownloadConnection) {
+            const auto decoder = _decoders.find(reply.connection);
+            if (decoder == _decoders.end()) {
                 _replies.push_back(std::move(reply));
                 continue;
             }
             const auto piece = WireMessage::decoded(reply.payload);
             ASSERT_TRUE(piece && piece->format == "iB") << toHex(reply.payload);
-            EXPECT_EQ(piece->number(0), kTransfer);
-            _decoder.add(piece->bytes(1));
+            EXPECT_EQ(piece->number(0), reply.connection);
+            decoder->second.add(piece->bytes(1));
         }
     }
 
@@ -188,7 +199,7 @@ protected:
             sendBelow(kAppends, [this](int n) { sendAppend(n); });
             sendBelow(kLookups, [this](int n) { sendLookup(n, "2024-06-01"); });
             sendBelow(kRewrites, [this](int n) { sendRewrite(n); });
-            sendBelow(1, [this](int) { reportQueueEmpty(); });
+            sendBelow(1, [this](int) { reportQueuesEmpty(); });
         }
     }
 
@@ -202,7 +213,7 @@ protected:
 
     void expectAllAnswered() {
         const auto areAnswered = [this] {
-            takeDownload();
+            takeDownloads();
             return _replies.size() >= _expected.size();
         };
         ASSERT_TRUE(_client.pumpUntil(areAnswered, 20'000))
@@ -329,26 +340,30 @@ protected:
         EXPECT_TRUE(readFile(kDownload) == _download);
     }
 
-    void finishDownload() {
+    void finishDownloads() {
         constexpr int kReports = 2000;
         constexpr int kIntervalMilliseconds = 20;
-        const auto isOver = [&] {
-            takeDownload();
-            return _decoder.isComplete() || !_decoder.fault().empty();
+        const auto areOver = [&] {
+            takeDownloads();
+            return std::all_of(_decoders.begin(), _decoders.end(), [](const auto& entry) {
+                return entry.second.isComplete() || !entry.second.fault().empty();
+            });
         };
-        for (int i = 0; i < kReports && !isOver(); ++i) {
-            reportQueueEmpty();
-            _client.pumpUntil(isOver, kIntervalMilliseconds);
+        for (int i = 0; i < kReports && !areOver(); ++i) {
+            reportQueuesEmpty();
+            _client.pumpUntil(areOver, kIntervalMilliseconds);
         }
-        takeAll(kReportTopic);
-        EXPECT_TRUE(_decoder.isComplete());
-        EXPECT_EQ(_decoder.fault(), "");
-        ASSERT_EQ(_decoder.items().size(), 1U);
-        EXPECT_TRUE(_decoder.items().front().bytes == _download);
+        for (const auto& [connection, decoder] : _decoders) {
+            takeAll(reportTopic(connection));
+            EXPECT_TRUE(decoder.isComplete()) << connection;
+            EXPECT_EQ(decoder.fault(), "") << connection;
+            ASSERT_EQ(decoder.items().size(), 1U) << connection;
+            EXPECT_TRUE(decoder.items().front().bytes == _download) << connection;
+        }
     }
 
     std::string _download;
-    DownloadDecoder _decoder;
+    std::map<int, DownloadDecoder> _decoders;  ///< of the downloads, by their connection
     int _read = -1;
     std::vector<int> _logs;
     std::vector<int> _rewritten;
@@ -361,7 +376,7 @@ TEST_F(BurstTest, FourHundredForksInABurstStayFewAndCarryOutNothingTwice) {
     record();
     ASSERT_NO_FATAL_FAILURE(startBoth());
     openHandles();
-    ASSERT_NO_FATAL_FAILURE(startDownload());
+    ASSERT_NO_FATAL_FAILURE(startDownloads());
 
     _daemon.pause();
     sendBurst();
@@ -373,7 +388,7 @@ TEST_F(BurstTest, FourHundredForksInABurstStayFewAndCarryOutNothingTwice) {
     ASSERT_NO_FATAL_FAILURE(expectWorkers());
     sendLater();
     ASSERT_NO_FATAL_FAILURE(expectAllAnswered());
-    ASSERT_NO_FATAL_FAILURE(finishDownload());
+    ASSERT_NO_FATAL_FAILURE(finishDownloads());
     // Lookups and thumbnail days end by themselves.
     ASSERT_TRUE(awaitChildren(kReplayWorkers + kInvalidChildren, 20'000)) << children().size();
     const int most = counter.most();
@@ -385,7 +400,7 @@ TEST_F(BurstTest, FourHundredForksInABurstStayFewAndCarryOutNothingTwice) {
     ASSERT_NO_FATAL_FAILURE(replayToTheEnd());
 
     EXPECT_TRUE(awaitChildren(0, 45'000 - millisecondsSince(begin)));
-    takeDownload();
+    takeDownloads();
     expectEveryReplyOnce();
     expectThumbnailsOnce();
     expectFilesExact();

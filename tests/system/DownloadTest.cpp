@@ -236,26 +236,38 @@ TEST_F(DownloadTest, EightConnectionsAtOnceEachGetTheirs) {
     }
 }
 
-TEST_F(DownloadTest, ABrokerThatIsKilledEndsEveryDownloadVisiblyUnfinished) {
-    constexpr int kKills = 5;
-    const std::string bytes = content(4'000'000);
+TEST_F(DownloadTest, ABrokerKilledTwentyTimesLeavesEachDownloadWholeOrVisiblyUnfinished) {
+    constexpr int kKills = 20;
+    const std::string bytes = content(2'000'000);
     writeFile("/root/data/a", bytes);
     ASSERT_NO_FATAL_FAILURE(startBoth());
-    for (int i = 0; i < kKills; ++i) {
+    EXPECT_TRUE(download("/root/data/a").at(0).bytes == bytes);
+    const std::size_t whole = _downloads[_lastDownload].bytes;
+    int unfinished = 0;
+    for (std::size_t kill = 0; kill < kKills; ++kill) {
+        // From before the first message to behind the last.
+        const std::size_t killAt = whole * kill / (kKills - 1);
         const int connection = begin("/root/data/a");
-        ASSERT_TRUE(pumpUntil([&] { return _downloads[connection].bytes > 200'000; }));
+        ASSERT_TRUE(pumpUntil([&] { return _downloads[connection].bytes >= killAt; }));
         _broker.kill();
         _client.pump(20);
         takeAll();
-        ASSERT_FALSE(isComplete(connection));
         ASSERT_NO_FATAL_FAILURE(startBroker());
         ASSERT_TRUE(answersKeepAlive(5000));
         const std::size_t before = _downloads[connection].bytes;
         report(connection, 0);
-        EXPECT_FALSE(pumpUntil([&] { return _downloads[connection].bytes > before; }, 300))
+        EXPECT_FALSE(pumpUntil([&] { return _downloads[connection].bytes > before; }, 100))
             << "a stream with a hole in it goes on";
-        EXPECT_EQ(_downloads[connection].decoder.fault(), "");
+        const DownloadDecoder& decoder = _downloads[connection].decoder;
+        EXPECT_EQ(decoder.fault(), "");
+        const std::string got = decoder.items().empty() ? "" : decoder.items()[0].bytes;
+        EXPECT_TRUE(bytes.starts_with(got)) << killAt;
+        EXPECT_EQ(decoder.isComplete(), before == whole) << killAt;
+        EXPECT_TRUE(before < whole || got == bytes) << killAt;
+        unfinished += decoder.isComplete() ? 0 : 1;
     }
+    EXPECT_GT(unfinished, kKills / 2);
+    EXPECT_LT(unfinished, kKills);
     EXPECT_TRUE(isLogged("the bus connection was lost, download ends"));
     EXPECT_TRUE(download("/root/data/a").at(0).bytes == bytes);
 }
