@@ -108,7 +108,7 @@ TEST_F(MakeSampleUnitTest, TheDefaultTreeIsTheSameEverywhere) {
     const QString folder = _folder.filePath("unit");
     ASSERT_EQ(runProgram({folder.toStdString()}).status, 0);
     EXPECT_EQ(digestOf(folder).toStdString(),
-              "ed74039a27440f81a5c610161fc706d8818f5a0fff4b464dd68d4a81ea078fed");
+              "cbc9e98e0dc93f83c390bd305bced66fe5a71a7d11c1f179cbffc13d50b0fd6d");
 }
 
 TEST_F(MakeSampleUnitTest, AnotherSeedGivesOtherRecordingsUnderTheSameNames) {
@@ -352,6 +352,7 @@ TEST_F(MakeSampleUnitTest, TheConfigurationNamesEverySource) {
         }
     }
     EXPECT_EQ(readTestFile(unit + "/config/modbus-main.xml").count("<register "), 5);
+    EXPECT_EQ(readTestFile(unit + "/config/panel/screens.cfg").count("screen "), 5);
 }
 
 TEST_F(MakeSampleUnitTest, AFolderThatHoldsAUnitIsLeftAlone) {

@@ -209,6 +209,7 @@ QByteArray SampleUnit::spoiled(const RecordingWriter& writer, int number) const 
 bool SampleUnit::writeConfig() {
     return writeFile(QStringLiteral("config/job.xml"), jobXml(), 0) &&
            writeFile(QStringLiteral("config/modbus-main.xml"), modbusXml(), 0) &&
+           writeFile(QStringLiteral("config/panel/screens.cfg"), screens(), 0) &&
            writeFile(QStringLiteral("data/") + QString::fromUtf8(_options.job) +
                          QStringLiteral("/notes.txt"),
                      notes(), _options.days);
@@ -238,6 +239,15 @@ QByteArray SampleUnit::modbusXml() const {
                "\" gauge=\"" + gauges.nameOf(source) + "\"/>\n";
     }
     return xml + "</modbus>\n";
+}
+
+QByteArray SampleUnit::screens() const {
+    QByteArray lines;
+    const Category& gauges = categories().first();
+    for (int source = 0; source < gauges.sourceCount(_options); ++source) {
+        lines += "screen " + QByteArray::number(source + 1) + ": " + gauges.nameOf(source) + '\n';
+    }
+    return lines;
 }
 
 QByteArray SampleUnit::notes() const {

@@ -44,6 +44,7 @@ private:
     bool writeConfig();
     QByteArray jobXml() const;
     QByteArray modbusXml() const;
+    QByteArray screens() const;
     QByteArray notes() const;
 
     /// `path` is below the unit's folder. The file's modification time is the beginning of `day`.
