@@ -10,7 +10,8 @@
 namespace {
 
 bool isAllowed(const QByteArray& path) {
-    return path.startsWith("/root/data/") || path.startsWith("/mmc");
+    return path.startsWith("/root/data/") || path.startsWith("/root/config/") ||
+           path.startsWith("/mmc");
 }
 
 QByteArray framed(const QByteArray& connection, const Message& reply) {
@@ -34,6 +35,10 @@ void FakeDaemon::detach() {
     _transport = nullptr;
 }
 
+void FakeDaemon::reply(const Message& message) {
+    _transport->deliver("ConnectionManager.clientMessage", framed(_lastConnection, message));
+}
+
 int FakeDaemon::count(int command) const {
     int result = 0;
     for (const Message& request : requests) {
@@ -51,13 +56,19 @@ void FakeDaemon::serve(int milliseconds) {
             if (onOther) {
                 onOther(frame);
             }
+            delivered = takeReport(frame) || delivered;
             continue;
         }
+        _lastConnection = frame.payload.left(4);
         Message request;
         request.construct(frame.payload.constData() + 4, int(frame.payload.size()) - 4);
         requests.push_back(request);
         const Fate given = fate ? fate(request) : Fate::Answered;
         if (given == Fate::LostRequest) {
+            continue;
+        }
+        if (given == Fate::Answered && onDownload && request.command() == MESSAGE_LZF_DOWNLOAD) {
+            delivered = onDownload(_lastConnection, request) || delivered;
             continue;
         }
         Message reply;
@@ -75,7 +86,21 @@ void FakeDaemon::serve(int milliseconds) {
     }
     if (!delivered) {
         _clock.tick += quint32(milliseconds);
+        if (onIdle) {
+            onIdle();
+        }
     }
+}
+
+bool FakeDaemon::takeReport(const FakeTransport::Sent& frame) {
+    if (!onDownload || !frame.token.startsWith("ConnectionManager.writeCount.")) {
+        return false;
+    }
+    Message report;
+    report.construct(frame.payload.constData(), int(frame.payload.size()));
+    QByteArray connection(4, '\0');
+    qToLittleEndian<qint32>(report.parameterAsInt32(0), connection.data());
+    return onDownload(connection, report);
 }
 
 bool FakeDaemon::answer(const Message& request, Message& reply) {
@@ -91,11 +116,13 @@ bool FakeDaemon::answer(const Message& request, Message& reply) {
             return openDirectory(request, reply);
         case MESSAGE_GET_FILE_IN_DIR:
             return entry(request, reply);
+        case MESSAGE_GENERATE_LISTING:
+            return makeListing(request, reply);
         case MESSAGE_CLOSE_DIRECTORY:
             return _listings.remove(request.parameterAsInt32(0)) > 0 &&
                    reply.construct(request.command(), "i", request.parameterAsInt32(0));
         default:
-            return answerByHandle(request, reply);
+            return (onFurther && onFurther(request, reply)) || answerByHandle(request, reply);
     }
 }
 
@@ -199,6 +226,26 @@ bool FakeDaemon::openDirectory(const Message& request, Message& reply) {
         name = path + '/' + name;
     }
     return reply.construct(request.command(), "Sii", path.constData(), _nextHandle++, names.size());
+}
+
+/// Lists `files` of a root that has any, and keeps the listing among them.
+bool FakeDaemon::makeListing(const Message& request, Message& reply) {
+    const QByteArray root = request.parameterAsString(1);
+    QByteArray lines;
+    for (auto file = files.cbegin(); file != files.cend(); ++file) {
+        if (file.key().startsWith(root + '/') && !file.key().contains("/.")) {
+            lines += QByteArray::number(sizeOf(file.key())) + ',' +
+                     QByteArray::number(file->modified) + ',' +
+                     QString::fromUtf8(file.key()).toLatin1() + '\n';
+        }
+    }
+    QByteArray path;
+    if (!lines.isEmpty()) {
+        path = QByteArray("/root/data/") + request.parameterAsString(0) + "/.files." +
+               QByteArray(root).replace('/', '.');
+        files[path].contents = lines;
+    }
+    return reply.construct(MESSAGE_LISTING_FINISHED, "SS", root.constData(), path.constData());
 }
 
 bool FakeDaemon::entry(const Message& request, Message& reply) {

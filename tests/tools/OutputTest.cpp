@@ -189,6 +189,25 @@ TEST(ProgressTest, OnATerminalThatDataGoesToItErasesNoData) {
     EXPECT_TRUE(drawn.endsWith("\r\033[Khalf a line")) << drawn.constData();
 }
 
+TEST(ProgressTest, OnATerminalThatDataGoesToItComesBackAfterAWholeLine) {
+    FakeClock clock;
+    Watched terminal(true);
+    Output output(terminal.writer(), terminal.writer(), {});
+    {
+        Progress progress(output, "file");
+        progress.begin("fetched", 0, 1000);
+        clock.advance(1);
+        progress.update(1);
+        output.data("a line\n");
+        clock.advance(1);
+        progress.update(500);
+        output.data("next\n");
+    }
+    const QByteArray drawn = terminal.read();
+    EXPECT_EQ(drawn.count("fetched"), 2);
+    EXPECT_TRUE(drawn.endsWith("\r\033[Knext\r\n")) << drawn.constData();
+}
+
 TEST(TallyTest, AddsUpToTheExitCode) {
     struct Row {
         QList<ExitCode> codes;

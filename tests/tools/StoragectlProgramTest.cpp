@@ -43,6 +43,11 @@ TEST(StoragectlProgramTest, WithoutABrokerEveryCommandEndsInTenWithinTwoSeconds)
         {"truncate", "/x", "1"},
         {"sniff"},
         {"thumbs", "build", "job", "2024-05-01"},
+        {"config", "backup", "panel"},
+        {"config", "list"},
+        {"listing", "create", "folder", "/mmc"},
+        {"mirror", "/mmc", "x"},
+        {"check", "/mmc", "x"},
         {"plot", "/mmc/x.gdf"}};
     for (const std::vector<std::string>& command : commands) {
         QElapsedTimer timer;
@@ -67,8 +72,14 @@ TEST(StoragectlProgramTest, WrongUsageEndsInTwo) {
                                                             {"ls", "--no-such-option", "/x"},
                                                             {"truncate", "/x", "-5"},
                                                             {"data"},
+                                                            {"listing"},
+                                                            {"listing", "create", "a/b", "/mmc"},
+                                                            {"mirror", "/mmc"},
                                                             {"data", "dump", "/a", "/b"},
                                                             {"thumbs", "build", "job"},
+                                                            {"config"},
+                                                            {"config", "backup"},
+                                                            {"config", "restore", "panel"},
                                                             {"plot", "--width", "5", "/x"}};
     for (const std::vector<std::string>& command : commands) {
         const ProgramRun run = runProgram(command);

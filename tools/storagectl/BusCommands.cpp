@@ -61,13 +61,17 @@ void report(Output& output, const RoundTrips& trips) {
 
 }  // namespace
 
-Answer pingOnce(FileService& files, double& milliseconds) {
+Message pingRequest() {
     Message request;
     request.construct(MESSAGE_FILE_CLOSE, "i", kNoHandle);
+    return request;
+}
+
+Answer pingOnce(FileService& files, double& milliseconds) {
     Message reply;
     QElapsedTimer timer;
     timer.start();
-    const Answer answer = files.connection().ask(request, reply);
+    const Answer answer = files.connection().ask(pingRequest(), reply);
     milliseconds = static_cast<double>(timer.nsecsElapsed()) / 1e6;
     // Refused is the answer to be had; what matters is that one came.
     const bool answered = answer == Answer::Refused || answer == Answer::Success;

@@ -1,7 +1,9 @@
 #include "tools/storagectl/CommandLine.h"
 
 #include "core/shared/StoragePaths.h"
+#include "tools/storagectl/ConfigCommandLine.h"
 #include "tools/storagectl/HistoryCommandLine.h"
+#include "tools/storagectl/MirrorCommandLine.h"
 #include "tools/storagectl/RecordingCommandLine.h"
 
 #include <QJsonDocument>
@@ -66,6 +68,10 @@ void addReadingCommands(CLI::App& app, Options& options, Parsed& parsed) {
         "Fetch files. NAME.part is kept after a break, and the same command goes on from it");
     get->add_option("-o,--output", parsed.localTarget,
                     "Local file, or an existing directory (default: the current one)");
+    get->add_flag(
+        "-r,--recursive", options.recursive,
+        "Directories too, with all that is below them; -o is the directory that they go to");
+    addRateLimit(get, options);
 }
 
 void addChangingCommands(CLI::App& app, Options& options, Parsed& parsed) {
@@ -134,6 +140,14 @@ CLI::App* addCommand(CLI::App& app, Options& options, Command command, const cha
     return sub;
 }
 
+void addRateLimit(CLI::App* sub, Options& options) {
+    sub->add_option("--bwlimit", options.bytesASecond,
+                    "Bytes a second on the wire at most; K and M are 1024 and 1048576")
+        ->transform(CLI::AsSizeValue(false))
+        // Slower, and the unit ends a download between two messages.
+        ->check(CLI::Range(qint64{64}, qint64{1} << 40));
+}
+
 bool Options::isOnUnit(const QByteArray& path) const {
     const bool readsRecordings =
         command == Command::DataInfo || command == Command::DataDump || command == Command::Plot;
@@ -156,6 +170,8 @@ std::optional<ExitCode> parseCommandLine(int argc, const char* const* argv, Opti
         addBusCommands(app, options);
         addRecordingCommands(app, options, parsed);
         addHistoryCommands(app, options, parsed);
+        addConfigCommands(app, options, parsed);
+        addMirrorCommands(app, options, parsed);
         try {
             app.parse(argc, argv);
             if (app.get_subcommands().empty()) {
@@ -164,6 +180,8 @@ std::optional<ExitCode> parseCommandLine(int argc, const char* const* argv, Opti
             takeOver(parsed, options);
             takeOverRecordings(parsed, options);
             takeOverHistory(parsed, options);
+            takeOverConfig(parsed, options);
+            takeOverMirror(parsed, options);
         } catch (const CLI::ParseError& fault) {
             const bool isHelp = fault.get_exit_code() == 0;
             if (!isHelp && asksForJson(argc, argv)) {

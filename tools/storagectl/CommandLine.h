@@ -1,6 +1,8 @@
 #pragma once
 
+#include "tools/storagectl/ConfigOptions.h"
 #include "tools/storagectl/HistoryOptions.h"
+#include "tools/storagectl/MirrorOptions.h"
 #include "tools/storagectl/Output.h"
 #include "tools/storagectl/RecordSelection.h"
 
@@ -30,7 +32,17 @@ enum class Command {
     ThumbsBuild,
     Plot,
     Lookup,
-    Replay
+    Replay,
+    ConfigBackup,
+    ConfigList,
+    ConfigShow,
+    ConfigDiff,
+    ConfigRestore,
+    ListingCreate,
+    ListingShow,
+    ListingDiff,
+    Mirror,
+    Check
 };
 
 /// What data and plot make of recordings.
@@ -62,14 +74,18 @@ struct Options {
     QList<QByteArray> paths;
     bool longListing = false;
     bool humanSizes = false;
-    QByteArray pattern;      ///< ls: names to list in each directory; empty lists by path
-    QByteArray localTarget;  ///< get: a file, or a directory; empty is the current one
-    qint64 size = 0;         ///< truncate
-    int count = 0;           ///< ping and sniff; 0 is without end
+    QByteArray pattern;       ///< ls: names to list in each directory; empty lists by path
+    bool recursive = false;   ///< get: directories with all that is below them
+    QByteArray localTarget;   ///< get: a file, or a directory; empty is the current one
+    qint64 size = 0;          ///< truncate
+    qint64 bytesASecond = 0;  ///< get and mirror; 0 is without a limit
+    int count = 0;            ///< ping and sniff; 0 is without end
     RecordingOptions recordings;
     ThumbsOptions thumbs;
     LookupOptions lookup;
     ReplayOptions replay;
+    ConfigOptions config;
+    MirrorOptions mirror;
 
     /// Whether a path is the unit's: always, but for recordings, of which local ones are read too.
     bool isOnUnit(const QByteArray& path) const;

@@ -61,6 +61,26 @@ ExitCode dispatch(Context& context) {
             return lookup(context);
         case Command::Replay:
             return replay(context);
+        case Command::ConfigBackup:
+            return configBackup(context);
+        case Command::ConfigList:
+            return configList(context);
+        case Command::ConfigShow:
+            return configShow(context);
+        case Command::ConfigDiff:
+            return configDiff(context);
+        case Command::ConfigRestore:
+            return configRestore(context);
+        case Command::ListingCreate:
+            return listingCreate(context);
+        case Command::ListingShow:
+            return listingShow(context);
+        case Command::ListingDiff:
+            return listingDiff(context);
+        case Command::Mirror:
+            return mirror(context);
+        case Command::Check:
+            return check(context);
         case Command::Sniff:
             break;
     }
@@ -119,10 +139,7 @@ ExitCode forEachFile(Context& context, const std::function<Outcome(const QByteAr
         if (!outcome.isDone()) {
             context.output.error(outcome, text(path));
         }
-        const bool isHopeless = outcome.code == ExitCode::NoBroker ||
-                                outcome.code == ExitCode::NoDaemon ||
-                                outcome.code == ExitCode::Interrupted;
-        if (isHopeless) {
+        if (outcome.isHopeless()) {
             break;
         }
     }

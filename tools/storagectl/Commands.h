@@ -37,6 +37,18 @@ ExitCode plot(Context& context);
 ExitCode thumbsBuild(Context& context);
 ExitCode lookup(Context& context);
 ExitCode replay(Context& context);
+ExitCode configBackup(Context& context);
+ExitCode configList(Context& context);
+ExitCode configShow(Context& context);
+ExitCode configDiff(Context& context);
+ExitCode configRestore(Context& context);
+ExitCode listingCreate(Context& context);
+ExitCode listingShow(Context& context);
+ExitCode listingDiff(Context& context);
+ExitCode mirror(Context& context);
+ExitCode check(Context& context);
+/// A request that costs the daemon nothing and is always answered, by a bare reply.
+Message pingRequest();
 /// One round trip through the file service: Success where any answer came.
 Answer pingOnce(FileService& files, double& milliseconds);
 /// Runs until it is interrupted, which needs no words, or has seen enough.

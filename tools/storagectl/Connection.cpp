@@ -1,6 +1,7 @@
 #include "tools/storagectl/Connection.h"
 
 #include "bus/Clock.h"
+#include "core/shared/Tokens.h"
 #include "filesystem/FileProtocol.h"
 #include "tools/storagectl/Interrupt.h"
 
@@ -17,8 +18,6 @@ namespace storagectl {
 
 namespace {
 
-constexpr char kRequests[] = "Message.storage";
-constexpr char kReplies[] = "ConnectionManager.clientMessage";
 constexpr int kFrameBytes = 4;
 constexpr int kBrokerPollMilliseconds = 50;
 constexpr int kLongestWaitMilliseconds = 250;
@@ -36,7 +35,8 @@ constexpr ReplyShape kShapes[] = {
     {MESSAGE_FILE_GENERATE_HASH, "iiB", 2}, {MESSAGE_FILE_TRUNCATE, "i", 1},
     {MESSAGE_FILE_DELETE, "S", 0},          {MESSAGE_FILE_MOVE, "SS", 0},
     {MESSAGE_OPEN_DIRECTORY, "Sii", 0},     {MESSAGE_CLOSE_DIRECTORY, "i", 1},
-    {MESSAGE_GET_FILE_IN_DIR, "iiSiii", 2},
+    {MESSAGE_GET_FILE_IN_DIR, "iiSiii", 2}, {MESSAGE_LISTING_FINISHED, "SS", 0},
+    {MESSAGE_CONFIG_BACKUP, "c", 0},        {MESSAGE_CONFIG_RESTORE, "c", 0},
 };
 
 const ReplyShape* shapeOf(int command) {
@@ -46,6 +46,11 @@ const ReplyShape* shapeOf(int command) {
         }
     }
     return nullptr;
+}
+
+/// The one request whose reply has another code.
+int requestOf(int replyCommand) {
+    return replyCommand == MESSAGE_LISTING_FINISHED ? MESSAGE_GENERATE_LISTING : replyCommand;
 }
 
 bool repeats(const Message& request, const Message& reply, int numbers) {
@@ -94,7 +99,7 @@ Outcome joinBus(PubSubInterface& bus, PubSubCallback callback, void* context) {
 Outcome Connection::join() {
     const Outcome outcome = joinBus(_bus, &Connection::delivered, this);
     if (outcome.isDone()) {
-        _bus.addWantedToken(kReplies);
+        _bus.addWantedToken(Tokens::kClientMessage);
         _lostConnections = _bus.lostConnections();
     }
     return outcome;
@@ -107,32 +112,52 @@ void Connection::listen(const QByteArrayList& tokens, Listener listener) {
     }
 }
 
+void Connection::listenToDownload(DownloadListener listener) {
+    if (listener && !_downloadListener) {
+        _bus.addWantedToken(Tokens::kConnectionManager);
+    } else if (!listener && _downloadListener) {
+        _bus.removeWantedToken(Tokens::kConnectionManager);
+    }
+    _downloadListener = std::move(listener);
+}
+
 bool Connection::post(const Message& request) {
+    _underWay.push_back(request);
+    return send(request);
+}
+
+bool Connection::send(const Message& request) {
     QByteArray frame(kFrameBytes + request.length(), Qt::Uninitialized);
     qToLittleEndian<qint32>(_number, frame.data());
     std::memcpy(frame.data() + kFrameBytes, request.buffer(),
                 static_cast<std::size_t>(request.length()));
-    _underWay.push_back(request);
-    return _bus.sendToken(kRequests, frame.constData(), static_cast<int>(frame.size()));
+    return _bus.sendToken(Tokens::kStorageRequests, frame.constData(),
+                          static_cast<int>(frame.size()));
+}
+
+Answer Connection::wait(int milliseconds) {
+    if (Interrupt::requested()) {
+        return Answer::Interrupted;
+    }
+    if (!_bus.isConnected() || _bus.lostConnections() != _lostConnections) {
+        return Answer::NoBroker;
+    }
+    if (milliseconds > 0) {
+        // A wait lasts its whole time though the connection ends in it.
+        _bus.readWaitingMessages(std::min(milliseconds, kLongestWaitMilliseconds));
+    }
+    return Answer::Success;
 }
 
 Answer Connection::next(Answered& answered, int extraMilliseconds) {
     const quint32 start = Clock::ticks();
     const quint32 allowed = _timeoutMilliseconds + static_cast<quint32>(extraMilliseconds);
     while (_answered.empty()) {
-        if (Interrupt::requested()) {
-            return Answer::Interrupted;
+        const quint32 left = allowed - std::min(Clock::ticks() - start, allowed);
+        const Answer answer = wait(static_cast<int>(left));
+        if (answer != Answer::Success || left == 0) {
+            return answer == Answer::Success ? Answer::NoDaemon : answer;
         }
-        if (!_bus.isConnected() || _bus.lostConnections() != _lostConnections) {
-            return Answer::NoBroker;
-        }
-        const quint32 waited = Clock::ticks() - start;
-        if (waited >= allowed) {
-            return Answer::NoDaemon;
-        }
-        // A wait lasts its whole time though the connection ends in it.
-        _bus.readWaitingMessages(
-            std::min(static_cast<int>(allowed - waited), kLongestWaitMilliseconds));
     }
     answered = std::move(_answered.front());
     _answered.pop_front();
@@ -175,8 +200,10 @@ void Connection::abandon() {
 void Connection::delivered(void* context, PubSubMessage* delivery) {
     auto& connection = *static_cast<Connection*>(context);
     const QByteArray token = connection._bus.tokenName(delivery->tokenId);
-    if (token == kReplies) {
+    if (token == Tokens::kClientMessage) {
         connection.take(*delivery);
+    } else if (token == Tokens::kConnectionManager && connection._downloadListener) {
+        connection.takeWish(*delivery);
     } else if (connection._listener) {
         connection._listener(token, *delivery);
     }
@@ -188,6 +215,13 @@ void Connection::take(const PubSubMessage& delivery) {
     }
     Message reply;
     reply.construct(delivery.data + kFrameBytes, delivery.length - kFrameBytes);
+    if (reply.command() == MESSAGE_LZF_DOWNLOAD) {
+        _hasAnswered = true;
+        if (_downloadListener) {
+            _downloadListener(reply);
+        }
+        return;
+    }
     Answer answer = Answer::Unfit;
     const int index = findRequest(reply, answer);
     if (index < 0) {
@@ -196,6 +230,15 @@ void Connection::take(const PubSubMessage& delivery) {
     _hasAnswered = true;
     _answered.push_back({answer, _underWay[index], reply});
     _underWay.erase(_underWay.begin() + index);
+}
+
+void Connection::takeWish(const PubSubMessage& delivery) {
+    Message wish;
+    wish.construct(delivery.data, delivery.length);
+    if (wish.command() == MESSAGE_WRITE_COUNT && wish.parameterAsInt32(0) == _number) {
+        _hasAnswered = true;
+        _downloadListener(wish);
+    }
 }
 
 int Connection::findRequest(const Message& reply, Answer& answer) const {
@@ -208,7 +251,7 @@ int Connection::findRequest(const Message& reply, Answer& answer) const {
     answer = full ? Answer::Success : bare ? Answer::Refused : Answer::Unfit;
     for (std::size_t i = 0; i < _underWay.size(); ++i) {
         const Message& request = _underWay[i];
-        const bool sameCommand = request.command() == reply.command();
+        const bool sameCommand = request.command() == requestOf(reply.command());
         if (sameCommand && (!full || repeats(request, reply, shape->repeatedNumbers))) {
             return static_cast<int>(i);
         }

@@ -39,6 +39,9 @@ class Connection {
 public:
     /// Told of each delivery on the tokens that `listen` named.
     using Listener = std::function<void(const QByteArray& token, const PubSubMessage& delivery)>;
+    /// Told of each message of a download; a bare one refuses it. And of the daemon's wish to hear
+    /// how far the connection has drained, which has another code.
+    using DownloadListener = std::function<void(const Message& message)>;
 
     struct Answered {
         Answer answer = Answer::Unfit;
@@ -56,6 +59,13 @@ public:
     /// Wants these tokens too, from all processes of the unit. Called from inside every wait.
     void listen(const QByteArrayList& tokens, Listener listener);
 
+    /// The same for the downloads of this connection; an empty function ends it.
+    void listenToDownload(DownloadListener listener);
+    /// Sends a request that is not answered by a reply of its own.
+    bool send(const Message& request);
+    /// Waits for deliveries once, for so long at the most. Success, NoBroker or Interrupted.
+    Answer wait(int milliseconds);
+
     /// Sends a request. False where there is no broker; `next` says so then.
     bool post(const Message& request);
     /// The next answered request, in order of arrival. Waits as long as `timeoutMilliseconds` and
@@ -69,6 +79,7 @@ public:
     /// True once the daemon has answered anything at all.
     bool hasAnswered() const { return _hasAnswered; }
     int connectionNumber() const { return _number; }
+    int timeoutMilliseconds() const { return static_cast<int>(_timeoutMilliseconds); }
     PubSubInterface& bus() { return _bus; }
 
     /// Forgets what is under way and takes a new connection number.
@@ -80,6 +91,7 @@ public:
 private:
     static void delivered(void* context, PubSubMessage* delivery);
     void take(const PubSubMessage& delivery);
+    void takeWish(const PubSubMessage& delivery);
     int findRequest(const Message& reply, Answer& answer) const;
 
     PubSubInterface& _bus;
@@ -88,6 +100,7 @@ private:
     quint32 _lostConnections = 0;
     bool _hasAnswered = false;
     Listener _listener;
+    DownloadListener _downloadListener;
     std::deque<Message> _underWay;
     std::deque<Answered> _answered;
 };

@@ -28,6 +28,11 @@ struct Outcome {
     bool mayRetry = false;
 
     bool isDone() const { return code == ExitCode::Done; }
+    /// No other file of the command can fare better.
+    bool isHopeless() const {
+        return code == ExitCode::NoBroker || code == ExitCode::NoDaemon ||
+               code == ExitCode::Interrupted;
+    }
     static Outcome done() { return {}; }
     static Outcome failure(ExitCode code, const QString& message) { return {code, message, false}; }
 };

@@ -67,7 +67,7 @@ void Output::flush() {
     if (!_buffered.isEmpty() && !_isClosed) {
         if (_dataToTerminal) {
             status({});
-            _terminalHoldsData = true;
+            _terminalHoldsData = !_buffered.endsWith('\n');
         }
         _dataErrno = writeAll(_data, _buffered);
         _isClosed = _dataErrno != 0;

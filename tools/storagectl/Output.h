@@ -33,6 +33,7 @@ public:
     /// Done, or LocalFile where data could not be written for another reason than a gone reader.
     Outcome dataOutcome() const;
     bool talksToTerminal() const { return _talksToTerminal; }
+    bool dataGoesToTerminal() const { return _dataToTerminal; }
 
     /// Bytes as they are. False once the reader is gone, the disk is full or a signal came.
     bool data(const QByteArray& bytes);
@@ -48,8 +49,8 @@ public:
     /// Says why a command failed; `subject` names the file concerned, if any.
     void error(const Outcome& outcome, const QString& subject = {});
 
-    /// Redraws the status line of a terminal; an empty text removes it. None is drawn once data
-    /// has gone to a terminal.
+    /// Redraws the status line of a terminal; an empty text removes it. None is drawn while a
+    /// terminal holds a line of data that is not complete.
     void status(const QString& text);
 
     /// A name from the wire as one component: "/" is escaped, and on a terminal control

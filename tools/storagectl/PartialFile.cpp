@@ -6,13 +6,25 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
+#include <utility>
 
 namespace storagectl {
 
 namespace {
 
 constexpr mode_t kNewFileMode = 0666;
+constexpr qint64 kReadBytes = 1024 * 1024;
+
+}  // namespace
+
+QString keptText(qint64 bytes, const QByteArray& partialPath) {
+    return bytes == 0 ? QString()
+                      : QString("; %1 bytes are kept in %2, the same command goes on from there")
+                            .arg(bytes)
+                            .arg(text(partialPath));
+}
 
 void syncDirectory(const QByteArray& directory) {
     const int descriptor = ::open(directory.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -22,17 +34,24 @@ void syncDirectory(const QByteArray& directory) {
     }
 }
 
-}  // namespace
-
 PartialFile::PartialFile(const QByteArray& target) : _target(target), _path(target + ".part") {}
 
 PartialFile::~PartialFile() {
+    close();
+}
+
+void PartialFile::close() {
     if (_descriptor >= 0) {
-        ::close(_descriptor);
+        ::close(std::exchange(_descriptor, -1));
     }
 }
 
 Outcome PartialFile::open(PieceDigests& present) {
+    present.clear();
+    return open([&present](const char* data, qint64 length) { present.add(data, length); });
+}
+
+Outcome PartialFile::open(const std::function<void(const char* data, qint64 length)>& present) {
     const Outcome outcome = checkTarget();
     if (!outcome.isDone()) {
         return outcome;
@@ -43,6 +62,7 @@ Outcome PartialFile::open(PieceDigests& present) {
     struct stat status = {};
     const bool isOpen = _descriptor >= 0 && ::fstat(_descriptor, &status) == 0;
     if ((!isOpen && errno == ELOOP) || (isOpen && !S_ISREG(status.st_mode))) {
+        close();
         return Outcome::failure(ExitCode::Unsafe, text(_path) + ": not a regular file, left alone");
     }
     if (!isOpen) {
@@ -52,19 +72,20 @@ Outcome PartialFile::open(PieceDigests& present) {
     struct stat named = {};
     if (::flock(_descriptor, LOCK_EX | LOCK_NB) != 0 || ::lstat(_path.constData(), &named) != 0 ||
         named.st_ino != status.st_ino) {
+        close();
         return Outcome::failure(ExitCode::LocalFile, text(_path) + ": another transfer writes it");
     }
-    QByteArray block(1024 * 1024, Qt::Uninitialized);
-    present.clear();
+    QByteArray block;
+    block.resize(std::min<qint64>(status.st_size, kReadBytes));
     for (;;) {
-        const ssize_t got = ::pread(_descriptor, block.data(),
-                                    static_cast<std::size_t>(block.size()), present.length());
+        const ssize_t got =
+            ::pread(_descriptor, block.data(), static_cast<std::size_t>(block.size()), _length);
         if (got <= 0) {
             break;
         }
-        present.add(block.constData(), got);
+        present(block.constData(), got);
+        _length += got;
     }
-    _length = present.length();
     return Outcome::done();
 }
 
@@ -85,6 +106,7 @@ Outcome PartialFile::append(const QByteArray& bytes) {
             ::pwrite(_descriptor, bytes.constData() + written,
                      static_cast<std::size_t>(bytes.size() - written), _length + written);
         if (step < 0 && errno != EINTR) {
+            _isDiskFull = errno == ENOSPC || errno == EDQUOT;
             return localFailure(_path, "cannot be written");
         }
         written += qMax<ssize_t>(0, step);
@@ -99,20 +121,34 @@ bool PartialFile::startOver() {
 }
 
 Outcome PartialFile::finish(qint64 modified) {
-    if (modified >= 0) {
-        const timespec times[2] = {{0, UTIME_OMIT}, {modified, 0}};
-        if (::futimens(_descriptor, times) != 0) {
-            return localFailure(_path, "its time cannot be set");
-        }
+    Outcome outcome = stamp(modified);
+    if (outcome.isDone()) {
+        outcome = flush();
     }
-    if (::fsync(_descriptor) != 0) {
-        return localFailure(_path, "cannot be flushed");
+    if (outcome.isDone()) {
+        outcome = putInPlace();
     }
-    if (::rename(_path.constData(), _target.constData()) != 0) {
-        return localFailure(_target, "cannot be put in place");
+    if (outcome.isDone()) {
+        syncDirectory(directoryOf(_target));
     }
-    syncDirectory(directoryOf(_target));
-    return Outcome::done();
+    return outcome;
+}
+
+Outcome PartialFile::stamp(qint64 modified) {
+    const timespec times[2] = {{0, UTIME_OMIT}, {modified, 0}};
+    return modified < 0 || ::futimens(_descriptor, times) == 0
+               ? Outcome::done()
+               : localFailure(_path, "its time cannot be set");
+}
+
+Outcome PartialFile::flush() {
+    return ::fsync(_descriptor) == 0 ? Outcome::done() : localFailure(_path, "cannot be flushed");
+}
+
+Outcome PartialFile::putInPlace() {
+    return ::rename(_path.constData(), _target.constData()) == 0
+               ? Outcome::done()
+               : localFailure(_target, "cannot be put in place");
 }
 
 void PartialFile::discardIfEmpty() {

@@ -9,6 +9,8 @@ namespace {
 
 constexpr quint32 kRedrawMilliseconds = 100;
 constexpr quint32 kPlainLineMilliseconds = 30'000;
+/// Shorter than this a rate says nothing.
+constexpr qint64 kRatedMilliseconds = 50;
 
 QString clockText(qint64 seconds) {
     const QString minutesAndSeconds =
@@ -35,18 +37,22 @@ void Progress::begin(const QString& what, qint64 from, qint64 total) {
     _lastShown = _begun;
 }
 
-void Progress::update(qint64 done) {
+bool Progress::isDue() const {
     const Output::Style& style = _output.style();
-    const quint32 now = Clock::ticks();
     const quint32 pause = _output.talksToTerminal() ? kRedrawMilliseconds : kPlainLineMilliseconds;
-    if (style.quiet || style.json || now - _lastShown < pause) {
+    return !style.quiet && !style.json && Clock::ticks() - _lastShown >= pause;
+}
+
+void Progress::update(qint64 done, const QString& note) {
+    if (!isDue()) {
         return;
     }
-    _lastShown = now;
+    _lastShown = Clock::ticks();
+    const QString line = describe(done, _lastShown) + note;
     if (_output.talksToTerminal()) {
-        _output.status(describe(done, now));
+        _output.status(line);
     } else {
-        _output.talk(describe(done, now));
+        _output.talk(line);
     }
 }
 
@@ -62,6 +68,18 @@ QString Progress::describe(qint64 done, quint32 now) const {
         text += ", " + clockText((_total - done + bytesASecond - 1) / bytesASecond) + " left";
     }
     return text;
+}
+
+QString summaryText(const QString& what, qint64 size, qint64 resumedFrom, qint64 milliseconds) {
+    const double seconds = static_cast<double>(milliseconds) / 1000;
+    QString line = what + QString(", %1 bytes in %2 s").arg(size).arg(seconds, 0, 'f', 2);
+    if (milliseconds >= kRatedMilliseconds) {
+        line += QString(" (%1/s)").arg(humanSize((size - resumedFrom) * 1000 / milliseconds));
+    }
+    if (resumedFrom > 0) {
+        line += QString(", of which %1 were there").arg(resumedFrom);
+    }
+    return line;
 }
 
 }  // namespace storagectl

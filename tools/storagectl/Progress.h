@@ -18,7 +18,12 @@ public:
 
     /// A new stretch of work ("fetching"), of which `from` bytes were done before.
     void begin(const QString& what, qint64 from, qint64 total);
-    void update(qint64 done);
+    /// `note` is what else there is to say of it.
+    void update(qint64 done, const QString& note = {});
+    /// So many bytes are done and took no time.
+    void skip(qint64 bytes) { _from += bytes; }
+    /// Whether an update would show.
+    bool isDue() const;
 
 private:
     QString describe(qint64 done, quint32 now) const;
@@ -31,5 +36,8 @@ private:
     quint32 _begun = 0;
     quint32 _lastShown = 0;
 };
+
+/// What was done, how much and how fast, once it is.
+QString summaryText(const QString& what, qint64 size, qint64 resumedFrom, qint64 milliseconds);
 
 }  // namespace storagectl

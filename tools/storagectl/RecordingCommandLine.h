@@ -26,10 +26,15 @@ struct Parsed {
     std::string days;
     std::vector<std::string> gauges;
     std::vector<std::string> channels;
+    std::string configFolder;
+    std::string configArchive;
+    std::string folder;
 };
 
 CLI::App* addCommand(CLI::App& app, Options& options, Command command, const char* name,
                      const char* help);
+/// --bwlimit.
+void addRateLimit(CLI::App* sub, Options& options);
 
 /// Throws a CLI::ValidationError for what is no "yyyy-MM-dd".
 QDate dayOf(const std::string& text);
