@@ -190,7 +190,7 @@ TEST_F(FetchTest, FilesThatVanishMeanwhileAreToldAndTheOthersArrive) {
     writeTree(100, 50'000);
     ChildProcess tool;
     start(tool, {"-r", "--bwlimit", "2M", kUnit});
-    ASSERT_TRUE(_daemon.waitForLog("move to next file", 5000));
+    ASSERT_TRUE(_daemon.waitForLog("bytes of file", 5000));
     int removed = 0;
     for (int i = 50; i < 100; ++i) {
         removed += fs::remove(std::string(kUnit) + "/day " + std::to_string(i % 7) + "/file-" +
