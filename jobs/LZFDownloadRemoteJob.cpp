@@ -177,6 +177,7 @@ void LZFDownloadRemoteJob::startFile(const DownloadEntry& entry) {
     if (entry.claimsPrefixOf(_fileSize)) {
         _entry = entry;
         _prefixHash.emplace(entry.offset);
+        continuePrefixHash();
         return;
     }
     startBlocks(0);

@@ -13,11 +13,11 @@
 #include <optional>
 
 /// Streams files and directories to one connection as records (DownloadStream.h), compressed where
-/// that makes them shorter. One slice sends one message, packs one block, hashes one piece of a
-/// prefix, or opens one entry. Nothing is sent while the connection manager reports too much queued
-/// for the connection, as is assumed until its first report. What is wrong with one entry is said
-/// in the stream, and the next one follows. The stream has no sequence numbers, so the job ends
-/// with the bus connection that it began on.
+/// that makes them shorter. One slice sends one message, packs one block, opens one entry with the
+/// first piece of its prefix's hash, or hashes one more. Nothing is sent while the connection
+/// manager reports too much queued for the connection, as is assumed until its first report. What
+/// is wrong with one entry is said in the stream, and the next one follows. The stream has no
+/// sequence numbers, so the job ends with the bus connection that it began on.
 class LZFDownloadRemoteJob : public RemoteJob {
 public:
     /// Without a report for so long, a job that waits for one ends.

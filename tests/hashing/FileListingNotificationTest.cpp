@@ -144,6 +144,13 @@ TEST_F(FileListingNotificationTest, WithoutANotificationsNumberNothingIsSent) {
     EXPECT_TRUE(bus.takeSent().isEmpty());
 }
 
+TEST_F(FileListingNotificationTest, ANotificationsNumberMayBe0) {
+    FileHashManager::generateFileListing(kUser, kCard, kPid, 0);
+    const QList<FakeBus::Sent> sent = bus.takeSent();
+    ASSERT_EQ(sent.size(), 1);
+    expectNotification(sent[0], kCardUpdate, kPid, 0);
+}
+
 TEST_F(FileListingNotificationTest, ProgressCountsTheRootsEntriesOnly) {
     for (int i = 0; i < 3; ++i) {
         makeFile("/mmc/" + QString::number(i));

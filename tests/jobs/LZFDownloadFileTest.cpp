@@ -48,6 +48,19 @@ TEST_F(LZFDownloadFileTest, IncompressibleDataIsSentRawWithItsLength) {
     EXPECT_TRUE(logged("compression failed, write uncompressed"));
 }
 
+TEST_F(LZFDownloadFileTest, TheCompressorHasAByteLessRoomThanTheBlockHas) {
+    // With as much room as these bytes take it would make 8 of the 9, with a byte less it gives up.
+    writeTestFile(kFile, QByteArray(9, 'a'));
+    startDrained(kFile);
+    runToEnd();
+    EXPECT_EQ(takeStream(),
+              QByteArray::fromHex("050900") + QByteArray(9, 'a') + QByteArray::fromHex("040000"));
+    writeTestFile(kFile, QByteArray(10, 'a'));
+    startDrained(kFile);
+    runToEnd();
+    EXPECT_EQ(takeStream().left(1).toHex(), "06") << "10 bytes shrink";
+}
+
 TEST_F(LZFDownloadFileTest, FilesArriveWholeAroundEveryBlockBoundary) {
     for (const int blocks : {0, 1, 2, 5}) {
         for (const int more : {-2, -1, 0, 1, 2}) {
@@ -301,6 +314,33 @@ TEST_F(LZFDownloadFileTest, TheLogTellsTheRoadOfAFile) {
                          "LZFDownloadRemoteJob: done!",
                          "LZFDownloadRemoteJob: destroyed",
                      }));
+}
+
+TEST_F(LZFDownloadFileTest, TheLogTellsTheRoadOfEntriesThatHaveNoBlock) {
+    writeTestFile(kFile, "");
+    writeTestFile("/root/data/held", "hello");
+    ASSERT_TRUE(QDir().mkpath("/root/data/empty"));
+    const QStringList entries = {"/none", kFile, "/root/data/empty",
+                                 resume("/root/data/held", "hello"), ""};
+    startDrained(entries.join('\n'));
+    log.clear();
+    // A slice an entry, one more for what a directory holds, and one for the end.
+    EXPECT_EQ(runToEnd(), entries.size() + 2);
+    const QByteArray name = "LZFDownloadRemoteJob: ";
+    const QByteArray next = name + "pid " + QByteArray::number(getpid()) + " : move to next file: ";
+    EXPECT_EQ(log.lines(), (QList<QByteArray>{
+                               next + "/none",
+                               next + kFile,
+                               name + "zero length file",
+                               next + "/root/data/empty",
+                               name + "got directory in 0 ms for /root/data/empty",
+                               name + "no more dir entries",
+                               next + "/root/data/held|XUFAKrxLKna5cZ2REBfFkg==|5",
+                               name + "zero length delta",
+                               next,
+                               name + "done!",
+                               name + "destroyed",
+                           }));
 }
 
 TEST_F(LZFDownloadFileTest, RandomFilesArriveByteForByte) {

@@ -55,6 +55,18 @@ TEST_F(LZFDownloadResumeTest, AnOffsetThatIsTheFilesSizeIsARecordOfType21AndNoDa
     EXPECT_TRUE(logged("zero length delta"));
 }
 
+TEST_F(LZFDownloadResumeTest, APrefixOfAPieceIsProvedInTheSliceThatOpensTheFile) {
+    const QByteArray bytes = noise(PrefixHash::kPieceBytes);
+    writeTestFile(kFile, bytes);
+    startDrained(resume(kFile, bytes));
+    manager.runSlice();
+    EXPECT_TRUE(logged("zero length delta"));
+    EXPECT_TRUE(takePieces().isEmpty());
+    manager.runSlice();
+    EXPECT_EQ(takeStream().toHex(' '), "15 00 00 04 00 00");
+    EXPECT_TRUE(manager.jobs().isEmpty());
+}
+
 TEST_F(LZFDownloadResumeTest, AHashThatDoesNotMatchGetsTheWholeFile) {
     const QByteArray bytes = noise(2 * kBlock);
     writeTestFile(kFile, bytes);
@@ -117,7 +129,7 @@ TEST_F(LZFDownloadResumeTest, ALongPrefixIsHashedAPieceASliceAndEachIsActivity) 
     const QByteArray bytes = noise(pieces * PrefixHash::kPieceBytes + 10);
     writeTestFile(kFile, bytes);
     startDrained(resume(kFile, bytes.left(pieces * PrefixHash::kPieceBytes)));
-    for (int slice = 0; slice < 1 + pieces; ++slice) {
+    for (int slice = 0; slice < pieces; ++slice) {
         EXPECT_FALSE(logged("read next 10 bytes of file"));
         clock.tick += 1;
         manager.runSlice();
@@ -180,7 +192,6 @@ TEST_F(LZFDownloadResumeTest, AFileThatShrinksToWhatTheHashIsOfDoesNotProveTheOf
     writeTestFile(kFile, bytes);
     startDrained(QString("%1|%2|%3").arg(kFile, hashOf(piece)).arg(bytes.size()));
     manager.runSlice();
-    manager.runSlice();
     ASSERT_EQ(truncate(kFile, piece.size()), 0);
     runToEnd();
     DownloadDecoder decoder;
@@ -191,8 +202,9 @@ TEST_F(LZFDownloadResumeTest, AFileThatShrinksToWhatTheHashIsOfDoesNotProveTheOf
 }
 
 TEST_F(LZFDownloadResumeTest, AnOffsetThatCannotBeReachedIsAnOpenErrorAndTheNextEntryFollows) {
-    writeTestFile(kFile, "hello, world");
-    startDrained(resume(kFile, "hello") + "\n/none");
+    const QByteArray prefix = noise(PrefixHash::kPieceBytes + 1);
+    writeTestFile(kFile, prefix + "more");
+    startDrained(resume(kFile, prefix) + "\n/none");
     manager.runSlice();
     {
         const FailingSeek failing;
