@@ -249,6 +249,40 @@ TEST_F(MirrorTest, ARunThatIsKilledLeavesWholeFilesAndTheSameCommandGoesOn) {
     expectSameTrees();
 }
 
+TEST_F(MirrorTest, ABrokerThatIsKilledInTheMiddleLeavesAMirrorThatGoesOnAndEndsExact) {
+    constexpr int kKills = 6;
+    for (int i = 0; i < 60; ++i) {
+        const auto seed = static_cast<unsigned>(i);
+        writeOnUnit("old/file-" + std::to_string(i), recording(100'000, seed));
+    }
+    ASSERT_EQ(mirror().status, 0);
+    for (int i = 0; i < 60; ++i) {
+        const auto seed = static_cast<unsigned>(i);
+        writeOnUnit("old/file-" + std::to_string(i), recording(200'000, seed), kTime + 1);
+        writeOnUnit("new/file-" + std::to_string(i), recording(100'000, seed + 100));
+    }
+    ChildProcess tool;
+    startTool(tool, {"mirror", kUnit, here(), "--folder", "user1", "--retries", "100", "--bwlimit",
+                     "6M", "--delete"});
+    const auto hasBegun = [this] { return fs::exists(here() + "/new"); };
+    for (int waited = 0; waited < 10'000 && !hasBegun(); waited += 10) {
+        _client.pump(10);
+    }
+    ASSERT_TRUE(hasBegun()) << tool.log();
+    int kills = 0;
+    while (kills < kKills && tool.isRunning()) {
+        _client.pump(80);
+        _broker.kill();
+        ASSERT_NO_FATAL_FAILURE(startBroker());
+        ASSERT_TRUE(answersKeepAlive(5000));
+        ++kills;
+    }
+    EXPECT_EQ(kills, kKills);
+    EXPECT_EQ(tool.waitForExit(60'000), 0) << tool.log();
+    EXPECT_NE(tool.log().find("trying again"), std::string::npos) << tool.log();
+    expectSameTrees();
+}
+
 TEST_F(MirrorTest, ListingsAreMadeShownAndCompared) {
     writeOnUnit("a", "12345");
     writeOnUnit("m\u00E4rz", "1");

@@ -156,11 +156,55 @@ TEST(ConfigTarTest, AHugeExtendedHeaderIsNotReadIntoMemory) {
 
 TEST(ConfigTarTest, ExtendedHeadersThatDoNotFitAreAFault) {
     for (const char* records : {"9 path=a", "x path=a\n", "999 path=a\n", "2 \n", "-9 path=a\n",
-                                "8 pathxx\n", "9 size=-\n", "10 size=-5\n"}) {
+                                "8 pathxx\n", "9 size=-\n", "10 size=-5\n", "10 size=+5\n",
+                                "11 size=5.5\n", "10.0 path=a\n", "+9 path=a\n"}) {
         TarWriter writer;
         writer.add({.name = "x", .type = 'x', .contents = records}).file("y", "");
         EXPECT_EQ(read(writer.bytes()).fault, "a member's extended header is damaged") << records;
     }
+}
+
+TEST(ConfigTarTest, ANumberThatReadersUnderstandDifferentlyIsAFault) {
+    for (const char* size : {"+0000000001", "-0000000001", "0x000000001", "00000000009"}) {
+        QByteArray archive = TarWriter().file("x", "1").bytes();
+        archive.replace(124, 11, size);
+        // The checksum of the header as it is now.
+        archive.replace(148, 8, "        ");
+        int sum = 0;
+        for (int i = 0; i < 512; ++i) {
+            sum += static_cast<unsigned char>(archive[i]);
+        }
+        archive.replace(148, 6, QByteArray::number(sum, 8).rightJustified(6, '0'));
+        archive[154] = '\0';
+        EXPECT_EQ(read(archive).fault, "a member's header is damaged") << size;
+    }
+}
+
+TEST(ConfigTarTest, AMemberWithTwoNamesIsAFault) {
+    const QByteArray mixed = TarWriter().longName("a").pax({{"path", "b"}}).file("c", "").bytes();
+    const QByteArray twice = TarWriter().longTarget("a").longTarget("b").file("c", "").bytes();
+    const QByteArray records =
+        TarWriter().pax({{"path", "a"}, {"path", "b"}}).file("c", "").bytes();
+    for (const QByteArray& archive : {mixed, twice, records}) {
+        EXPECT_EQ(read(archive).fault, "a member has two names");
+    }
+}
+
+TEST(ConfigTarTest, AFileWhoseNameEndsInASlashIsAFolder) {
+    for (const char type : {'\0', '0', '7'}) {
+        const Reading reading = read(TarWriter().add({.name = "d/", .type = type}).bytes());
+        ASSERT_EQ(reading.members.size(), 1U);
+        EXPECT_EQ(reading.members[0].kind, Kind::Folder) << int(type);
+        EXPECT_EQ(reading.members[0].name, "d");
+    }
+    EXPECT_EQ(read(TarWriter().file("d/", "x").bytes()).fault,
+              "a member without contents has a length");
+}
+
+TEST(ConfigTarTest, ATimeLongAgoIsATime) {
+    const Reading reading = read(TarWriter().pax({{"mtime", "-5.25"}}).file("x", "").bytes());
+    ASSERT_EQ(reading.members.size(), 1U) << reading.fault.constData();
+    EXPECT_EQ(reading.members[0].modified, -5);
 }
 
 TEST(ConfigTarTest, WhatFollowsItsEndIsAFault) {
@@ -204,7 +248,8 @@ TEST(ConfigGzipTest, PiecesOfOneByteGiveTheSame) {
 TEST(ConfigContentsTest, OnlyTheFolderModbusFilesAndTheJobComeBack) {
     TarWriter writer = panel();
     writer.folder(kTop + "other/").file(kTop + "other/file", "");
-    for (const char* name : {"job.xml", "modbus-1.xml", "modbusxml", "units.xml", "xmodbus.xml"}) {
+    for (const char* name : {"job.xml", "modbus-1.xml", "modbusxml", "units.xml", "xmodbus.xml",
+                             "modbus-d/job.xml", "other/job.xml"}) {
         writer.file(kTop + name, "x");
     }
     writer.link(TarWriter::kSymbolicLink, kTop + "modbus-2.xml", "job.xml");
@@ -246,6 +291,8 @@ TEST(ConfigContentsTest, HostileMembersAreHazards) {
         {{.name = kTop + "x"}, {.name = kTop + "x"}},
         {{.name = kTop + "x", .type = link, .target = "/etc"}, {.name = kTop + "x/passwd"}},
         {{.name = kTop + "x/passwd"}, {.name = kTop + "x", .type = link, .target = "/etc"}},
+        {{.name = kTop + "x", .type = link, .target = "/etc"}, {.name = kTop + "x/y/passwd"}},
+        {{.name = kTop + "x"}, {.name = kTop + "x/y/z"}},
         {{.name = kTop + "x", .type = TarWriter::kHardLink, .target = "/etc/passwd"}},
         {{.name = kTop + "x", .type = TarWriter::kHardLink, .target = kTop + "later"},
          {.name = kTop + "later"}},
@@ -258,6 +305,26 @@ TEST(ConfigContentsTest, HostileMembersAreHazards) {
         EXPECT_EQ(contentsOf(writer).hazards().size(), 1) << members.front().name.constData();
     }
     EXPECT_TRUE(contentsOf(panel()).hazards().isEmpty());
+}
+
+TEST(ConfigContentsTest, AFolderNeedsNoMemberOfItsOwn) {
+    TarWriter writer;
+    writer.file(kTop + "panel/area/a.cfg", "a").file(kTop + "other/b", "b").file(kTop + "c", "c");
+    const ConfigContents contents = contentsOf(writer);
+    EXPECT_EQ(contents.folders(), (QByteArrayList{"other", "panel"}));
+    EXPECT_TRUE(contents.hasFolder("panel"));
+    EXPECT_FALSE(contents.hasFolder("c"));
+}
+
+TEST(ConfigContentsTest, NamesLongerThanAnyPathAreHazardsAndNotKept) {
+    const QByteArray longPath = kTop + QByteArray("d/").repeated(2100) + "f";
+    TarWriter writer;
+    writer.longName(longPath).file("f", "x");
+    writer.longTarget(longPath).link(TarWriter::kSymbolicLink, kTop + "link", "f");
+    const ConfigContents contents = contentsOf(writer);
+    EXPECT_EQ(contents.hazards().size(), 2);
+    EXPECT_TRUE(contents.members().isEmpty());
+    EXPECT_LT(contents.hazards().join(' ').size(), 1000);
 }
 
 TEST(ConfigContentsTest, DeeperThanTheUnitRestoresIsAHazard) {

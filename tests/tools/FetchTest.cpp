@@ -1,44 +1,14 @@
-#include "tests/tools/FakeDownloads.h"
-#include "tests/tools/StoragectlFixture.h"
+#include "tests/support/FailingWrite.h"
+#include "tests/tools/FetchFixture.h"
 
-#include <sys/stat.h>
-#include <QCryptographicHash>
 #include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
 
 namespace {
 
-constexpr char kFile[] = "/root/data/a/file";
-constexpr char kTree[] = "/root/data/a/tree";
-
-QByteArray md5(const QByteArray& bytes) {
-    return QCryptographicHash::hash(bytes, QCryptographicHash::Md5).toBase64();
-}
-
 /// get over the download job.
-class FetchTest : public StoragectlFixture {
-protected:
-    int getFile(const std::vector<std::string>& more = {}) {
-        std::vector<std::string> arguments{"get", kFile, "-o", local("file").toStdString()};
-        arguments.insert(arguments.end(), more.begin(), more.end());
-        return run(arguments);
-    }
-    int getTree(const std::vector<std::string>& more = {}) {
-        std::vector<std::string> arguments{"get", "-r", kTree, "-o", folder.path().toStdString()};
-        arguments.insert(arguments.end(), more.begin(), more.end());
-        return run(arguments);
-    }
-    QByteArray& contents() { return daemon.files[kFile].contents; }
-    void addToTree(const QByteArray& name, const QByteArray& bytes) {
-        daemon.files[kTree + QByteArray("/") + name] = {bytes};
-    }
-    static QByteArray claim(const QByteArray& prefix) {
-        return kFile + QByteArray("|") + md5(prefix) + '|' + QByteArray::number(prefix.size());
-    }
-
-    FakeDownloads downloads{daemon};
-};
+class FetchTest : public FetchFixture {};
 
 TEST_F(FetchTest, AFileArrivesIsProvedAndGetsItsTime) {
     daemon.files[kFile] = {someBytes(1'000'000), 1'600'000'123};
@@ -76,6 +46,7 @@ TEST_F(FetchTest, StartsOverWhereThePartialFileHasOtherContents) {
     writeLocal("file.part", QByteArray(100'000, 'x'));
     EXPECT_EQ(getFile(), 0);
     EXPECT_EQ(readLocal("file"), contents());
+    EXPECT_FALSE(talk.contains("were there")) << talk.constData();
     EXPECT_TRUE(talk.contains("starting over")) << talk.constData();
 }
 
@@ -111,76 +82,6 @@ TEST_F(FetchTest, AnotherFileOfTheNameIsReplacedOnlyOnceTheNewOneIsProved) {
     EXPECT_EQ(readLocal("file"), contents());
 }
 
-TEST_F(FetchTest, ALostMessageEndsInATimeOutAndTheNextAttemptGoesOn) {
-    daemon.files[kFile] = {someBytes(1'000'000)};
-    downloads.onMessage = [](int number) { return number != 40; };
-    const quint32 before = clock.tick;
-    EXPECT_EQ(getFile({"--timeout", "7"}), 0);
-    EXPECT_EQ(readLocal("file"), contents());
-    EXPECT_TRUE(talk.contains("trying again")) << talk.constData();
-    EXPECT_LT(clock.tick - before, 8'000U);
-}
-
-TEST_F(FetchTest, ABrokerThatComesBackMidwayIsUsedAgainAtOnce) {
-    daemon.files[kFile] = {someBytes(1'000'000)};
-    downloads.onMessage = [this](int number) {
-        if (number == 40) {
-            daemon.transport().setBrokerPresent(false);
-            daemon.transport().setBrokerPresent(true);
-        }
-        return true;
-    };
-    const quint32 before = clock.tick;
-    EXPECT_EQ(getFile(), 0);
-    EXPECT_EQ(readLocal("file"), contents());
-    EXPECT_LT(clock.tick - before, 1'500U);
-}
-
-TEST_F(FetchTest, ADaemonThatNeverAnswersIsNotWaitedForAgain) {
-    daemon.files[kFile] = {someBytes(1'000'000)};
-    daemon.fate = [](const Message& request) {
-        return request.command() == MESSAGE_LZF_DOWNLOAD ? FakeDaemon::Fate::LostRequest
-                                                         : FakeDaemon::Fate::Answered;
-    };
-    EXPECT_EQ(getFile({"--retries", "2", "--timeout", "5"}), 11);
-}
-
-TEST_F(FetchTest, ADamagedStreamIsTriedAgainAndNeverTakenForTheFile) {
-    daemon.files[kFile] = {someBytes(1'000'000)};
-    int streams = 0;
-    downloads.spoil = [&streams](QByteArray& stream) {
-        if (++streams == 1) {
-            // The type of the third record.
-            stream[2 * (3 + 64'512)] = '\x7f';
-        }
-    };
-    EXPECT_EQ(getFile(), 0);
-    EXPECT_EQ(readLocal("file"), contents());
-    EXPECT_TRUE(talk.contains("damaged")) << talk.constData();
-}
-
-TEST_F(FetchTest, AByteThatChangedOnItsWayIsFoundByTheProofAndSentAgain) {
-    daemon.files[kFile] = {someBytes(200'000)};
-    int streams = 0;
-    downloads.spoil = [&streams](QByteArray& stream) {
-        if (++streams == 1) {
-            stream[100'000] = static_cast<char>(stream[100'000] ^ 1);
-        }
-    };
-    EXPECT_EQ(getFile(), 0);
-    EXPECT_EQ(readLocal("file"), contents());
-    EXPECT_EQ(streams, 3);
-}
-
-TEST_F(FetchTest, AFileThatIsAnotherOneEachTimeIsGivenUpAsAnIntegrityFailure) {
-    daemon.files[kFile] = {someBytes(200'000)};
-    writeLocal("file", "old");
-    downloads.spoil = [this](QByteArray&) { contents()[0] = static_cast<char>(contents()[0] + 1); };
-    EXPECT_EQ(getFile(), 5);
-    EXPECT_EQ(readLocal("file"), "old");
-    EXPECT_LT(downloads.requests.size(), 10U);
-}
-
 TEST_F(FetchTest, AFileThatGrowsIsFetchedAsItWas) {
     daemon.files[kFile] = {someBytes(200'000)};
     const QByteArray before = contents();
@@ -190,24 +91,27 @@ TEST_F(FetchTest, AFileThatGrowsIsFetchedAsItWas) {
     EXPECT_TRUE(talk.contains("grew")) << talk.constData();
 }
 
-TEST_F(FetchTest, AFileThatVanishesBeforeItIsProvedIsNotPutInPlace) {
-    daemon.files[kFile] = {someBytes(200'000)};
-    downloads.spoil = [this](QByteArray&) { daemon.files.remove(kFile); };
-    EXPECT_EQ(getFile(), 4);
-    EXPECT_FALSE(existsLocal("file"));
-    EXPECT_TRUE(talk.contains("vanished")) << talk.constData();
+TEST_F(FetchTest, LongNamesAreSpreadOverRequests) {
+    for (int i = 0; i < 200; ++i) {
+        addToTree(QByteArray(250, 'd') + '/' + QByteArray::number(i).leftJustified(250, 'n'), "x");
+    }
+    EXPECT_EQ(getTree(), 0);
+    ASSERT_GT(downloads.requests.size(), 2U);
+    EXPECT_GT(downloads.requests[2].size(), 100);
+    EXPECT_LT(downloads.requests[2].size(), 200);
 }
 
-TEST_F(FetchTest, AStreamThatSaysTooLittleOrTooMuchIsNeverTakenForDone) {
-    daemon.files[kFile] = {someBytes(200'000)};
-    downloads.spoil = [](QByteArray& stream) { stream = FakeDownloads::record(4); };
-    EXPECT_EQ(getFile({"--retries", "2"}), 1);
-    downloads.spoil = [](QByteArray& stream) {
-        stream = FakeDownloads::record(5, "x") + FakeDownloads::record(5, "y");
+TEST_F(FetchTest, AFileOfATreeThatGrowsIsFetchedAsItWas) {
+    addToTree("a", someBytes(100'000));
+    addToTree("b", someBytes(100'000));
+    downloads.spoil = [this](QByteArray&) {
+        daemon.files[kTree + QByteArray("/a")].contents += 'x';
     };
-    EXPECT_EQ(getFile({"--retries", "2"}), 1);
-    EXPECT_FALSE(existsLocal("file"));
-    EXPECT_LT(downloads.requests.size(), 10U);
+    EXPECT_EQ(getTree(), 0);
+    // One was written between the listing and the opening.
+    EXPECT_EQ(readLocal("tree/a"), someBytes(100'000) + 'x');
+    EXPECT_TRUE(talk.contains("a: grew meanwhile")) << talk.constData();
+    EXPECT_EQ(downloads.requests.size(), 3U);
 }
 
 TEST_F(FetchTest, WhereTheDaemonHasNoRoomFilesAreReadPieceByPiece) {
@@ -288,6 +192,41 @@ TEST_F(FetchTest, ALocalLinkInTheTreeIsNotFollowed) {
     EXPECT_TRUE(talk.contains("not a directory, left alone")) << talk.constData();
 }
 
+TEST_F(FetchTest, AFileWhosePartialFileIsAFileOfTheTreeIsRefused) {
+    addToTree("day", "the day");
+    addToTree("day.part", someBytes(100'000));
+    EXPECT_EQ(getTree(), 3);
+    EXPECT_FALSE(existsLocal("tree/day"));
+    EXPECT_EQ(readLocal("tree/day.part"), someBytes(100'000));
+    EXPECT_TRUE(talk.contains("tree/day: would be fetched into ")) << talk.constData();
+    EXPECT_TRUE(talk.contains("1 failed")) << talk.constData();
+}
+
+TEST_F(FetchTest, AFullDiskIsToldOnceForAllFilesThatAreLeft) {
+    for (const QByteArray name : {"a", "b", "c", "d", "e"}) {
+        addToTree(name, name + someBytes(100'000));
+    }
+    const FailingWrite disk(150'000);
+    EXPECT_EQ(getTree(), 6);
+    EXPECT_EQ(talk.count("No space left on device"), 1) << talk.constData();
+    EXPECT_EQ(talk.count("the local disk is full"), 1) << talk.constData();
+    EXPECT_TRUE(talk.contains("4 files are left; the same command goes on")) << talk.constData();
+    EXPECT_EQ(QFileInfo(local("tree/a.part")).size(), 100'001);
+}
+
+TEST_F(FetchTest, TheTotalLeavesOutWhatFailed) {
+    addToTree("000", someBytes(900'000));
+    for (int i = 1; i < 256; ++i) {
+        addToTree(QByteArray::number(i).rightJustified(3, '0'), "a file");
+    }
+    addToTree("day", "refused at once");
+    addToTree("day.part", someBytes(1024 * 1024));
+    downloads.failures[kTree + QByteArray("/000")] = "Open error";
+    EXPECT_EQ(getTree({"--bwlimit", "20K"}), 3);
+    EXPECT_TRUE(talk.contains(" of 1.0 MB (")) << talk.constData();
+    EXPECT_FALSE(talk.contains(" of 1.9 MB (")) << talk.constData();
+}
+
 TEST_F(FetchTest, ATreeThatIsThereIsProvedAndNotSentAgain) {
     addToTree("a", someBytes(500'000));
     addToTree("b", someBytes(300'000));
@@ -311,28 +250,6 @@ TEST_F(FetchTest, AFileIsATreeOfOneAndTheTargetsDirectoryIsMade) {
     }
 }
 
-TEST_F(FetchTest, ABreakInATreeLeavesWholeFilesAndTheNextRunGoesOn) {
-    for (int i = 0; i < 20; ++i) {
-        addToTree(QByteArray::number(i), QByteArray::number(i) + someBytes(100'000));
-    }
-    downloads.onMessage = [this](int number) {
-        if (number == 100) {
-            daemon.transport().setBrokerPresent(false);
-        }
-        return true;
-    };
-    EXPECT_EQ(getTree({"--retries", "1", "--timeout", "2"}), 10);
-    EXPECT_TRUE(talk.contains("20 files are left")) << talk.constData();
-    downloads.onMessage = {};
-    downloads.requests.clear();
-    EXPECT_EQ(getTree(), 0);
-    for (int i = 0; i < 20; ++i) {
-        EXPECT_EQ(readLocal("tree/" + QByteArray::number(i)),
-                  QByteArray::number(i) + someBytes(100'000));
-    }
-    EXPECT_TRUE(downloads.requests[1][0].contains('|'));
-}
-
 TEST_F(FetchTest, ARateIsKeptToByTheClock) {
     daemon.files[kFile] = {someBytes(500'000)};
     const quint32 before = clock.tick;
@@ -344,6 +261,15 @@ TEST_F(FetchTest, ARateIsKeptToByTheClock) {
 TEST_F(FetchTest, ARateBelowAMessageInTheTimeOutIsNoTimeOut) {
     daemon.files[kFile] = {someBytes(40'000)};
     EXPECT_EQ(getFile({"--bwlimit", "200", "--timeout", "3", "--retries", "0"}), 0);
+    EXPECT_EQ(readLocal("file"), contents());
+}
+
+TEST_F(FetchTest, WhatIsReadPieceByPieceKeepsToTheRateToo) {
+    daemon.files[kFile] = {someBytes(500'000)};
+    downloads.refuses = true;
+    const quint32 before = clock.tick;
+    EXPECT_EQ(getFile({"--bwlimit", "50K"}), 0);
+    EXPECT_NEAR(clock.tick - before, 500'000 / 51.2, 1'000);
     EXPECT_EQ(readLocal("file"), contents());
 }
 

@@ -421,6 +421,13 @@ TEST_F(GetTest, CatWritesTheBytesAndNothingElse) {
     EXPECT_EQ(talk, "");
 }
 
+TEST_F(GetTest, CatDoesNotWaitAgainForADaemonThatNeverAnswered) {
+    daemon.fate = [](const Message&) { return Fate::LostRequest; };
+    const quint32 before = clock.tick;
+    EXPECT_EQ(run({"cat", kFile, "--timeout", "5"}), 11);
+    EXPECT_LT(clock.tick - before, 6'000u);
+}
+
 TEST_F(GetTest, CatOfAFileThatChangedOverABreakIsAnIntegrityFailure) {
     daemon.files[kFile] = {someBytes(2'000'000)};
     int reads = 0;

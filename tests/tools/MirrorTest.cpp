@@ -1,3 +1,4 @@
+#include "tests/tools/FakeDownloads.h"
 #include "tests/tools/StoragectlFixture.h"
 
 #include <QDir>
@@ -72,13 +73,13 @@ TEST_F(MirrorTest, ADryRunShowsTheCostAndChangesNothing) {
               "-           5  extra\n");
     EXPECT_TRUE(talk.contains("1 new, 1 grown, 2 changed, 1 the same, 1 only here"))
         << talk.constData();
-    EXPECT_TRUE(talk.contains("16 bytes at most, 10 if what is here")) << talk.constData();
+    EXPECT_TRUE(talk.contains("64 bytes at most, 55 if what is here")) << talk.constData();
     EXPECT_FALSE(existsLocal("day/new"));
     EXPECT_EQ(readLocal("day/grown"), "123");
 }
 
 TEST_F(MirrorTest, ADryRunTellsTheTimeAtTheLimit) {
-    onUnit("file", QByteArray(300 * 1024, 'x'));
+    onUnit("file", QByteArray(300 * 1024 - 100, 'x'));
     EXPECT_EQ(mirror({"-n", "--bwlimit", "10K"}), 0);
     EXPECT_TRUE(talk.contains("30 s at 10.0 KB/s, the limit")) << talk.constData();
     EXPECT_EQ(mirror({"-n", "--bwlimit", "0"}), 2);
@@ -97,6 +98,29 @@ TEST_F(MirrorTest, ADryRunDoesNotMakeTheDirectory) {
     EXPECT_EQ(run({"mirror", "/mmc/job", local("new").toStdString(), "--folder", "user1", "-n"}),
               0);
     EXPECT_FALSE(existsLocal("new"));
+}
+
+TEST_F(MirrorTest, ADryRunOfWhichSomeIsRefusedEndsAsTheMirrorWould) {
+    onUnit("file", "1");
+    onUnit("barred", "2");
+    here("barred/extra", "");
+    EXPECT_EQ(mirror({"-n"}), 3);
+    EXPECT_EQ(mirror(), 3);
+}
+
+TEST_F(MirrorTest, ADirectoryThatCannotBeMadeIsToldOnce) {
+    onUnit("a", "1");
+    onUnit("b/c", "2");
+    EXPECT_EQ(run({"mirror", "/mmc/job", local("no/such").toStdString(), "--folder", "user1"}), 6);
+    EXPECT_EQ(talk.count("cannot be made"), 1) << talk.constData();
+    EXPECT_TRUE(talk.contains("2 failed")) << talk.constData();
+}
+
+TEST_F(MirrorTest, AFileThatGrewSinceItsListingIsToldAsItArrived) {
+    onUnit("file", "123456");
+    pretendListing("4,1714521600,/mmc/job/file\n");
+    EXPECT_EQ(mirror(), 0) << talk.constData();
+    EXPECT_EQ(data, "+           6  file\n");
 }
 
 TEST_F(MirrorTest, WhatIsTheSameIsNotAskedFor) {
@@ -119,6 +143,7 @@ TEST_F(MirrorTest, WhatIsOnlyHereIsNamedAndLeftAlone) {
 }
 
 TEST_F(MirrorTest, DeleteRemovesWhatTheUnitDoesNotHave) {
+    const FakeDownloads downloads(daemon);
     onUnit("same", "same");
     here("same", "same");
     here("old/day/extra", "extra");
@@ -203,7 +228,7 @@ TEST_F(MirrorTest, AnObjectPerFileAndOneAtTheEnd) {
     const QJsonObject first = QJsonDocument::fromJson(data.split('\n').first()).object();
     EXPECT_EQ(first["file"], "/mmc/job/file");
     EXPECT_EQ(first["change"], "new");
-    EXPECT_EQ(lastObject()["mostBytes"], 5);
+    EXPECT_EQ(lastObject()["mostBytes"], 17);
 }
 
 TEST_F(MirrorTest, WithoutADaemonThatIsSaid) {

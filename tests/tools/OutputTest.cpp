@@ -152,6 +152,32 @@ TEST(ProgressTest, OffATerminalItIsOnePlainLineEveryThirtySeconds) {
               "storagectl: file%1: fetched 60.0 MB of 100.0 MB (60 %), 1.0 MB/s, 0:40 left\n");
 }
 
+TEST(ProgressTest, TheRateForgetsABreakOfLongAgo) {
+    FakeClock clock;
+    Watched data(false);
+    Watched talk(false);
+    Output output(data.writer(), talk.writer(), {});
+    Progress progress(output, "file");
+    progress.begin("fetched", 0, 100 * 1024 * 1024);
+    for (int second = 1; second <= 90; ++second) {
+        clock.advance(1);
+        progress.update(qMax(0, second - 30) * 1024 * 1024);
+    }
+    EXPECT_TRUE(talk.read().endsWith(" 60.0 MB of 100.0 MB (60 %), 1.0 MB/s, 0:40 left\n"));
+}
+
+TEST(ProgressTest, WhatIsBegunAnewHasNoRateBelowNothing) {
+    FakeClock clock;
+    Watched data(false);
+    Watched talk(false);
+    Output output(data.writer(), talk.writer(), {});
+    Progress progress(output, "file");
+    progress.begin("fetched", 50'000'000, 100'000'000);
+    clock.advance(30);
+    progress.update(0);
+    EXPECT_EQ(talk.read(), "storagectl: file: fetched 0 B of 95.4 MB (0 %), 0 B/s\n");
+}
+
 TEST(ProgressTest, OnATerminalItIsRedrawnAtMostTenTimesASecondAndErased) {
     FakeClock clock;
     Watched data(false);

@@ -138,6 +138,21 @@ TEST(PacingTest, WhatAnEndedDownloadDidNotSendIsLeftToTheNext) {
     EXPECT_EQ(pacing.millisecondsUntilDue(), 500);
 }
 
+TEST(PacingTest, AMessageBeyondTheGrantIsPaidForOnce) {
+    FakeClock clock;
+    Pacing pacing(kMessageBytes);
+    pacing.begin();
+    pacing.wanted();
+    EXPECT_EQ(pacing.report(), kOneMessage);
+    clock.tick += 1000;
+    EXPECT_EQ(pacing.report(), kOneMessage);
+    pacing.received(2 * kMessageBytes);
+    pacing.end();
+    pacing.begin();
+    pacing.wanted();
+    EXPECT_EQ(pacing.millisecondsUntilDue(), 1000);
+}
+
 TEST(PacingTest, AStalledRoadCatchesUpOnATenthOfASecondAtTheMost) {
     FakeClock clock;
     Pacing pacing(1'000'000);

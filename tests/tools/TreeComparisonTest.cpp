@@ -49,6 +49,8 @@ TEST_F(TreeComparisonTest, SizeAndTimeInSecondsDecide) {
     EXPECT_EQ(relationOf({"day/file", 5, kTime}), Relation::Same);
     EXPECT_EQ(relationOf({"day/file", 5, kTime + 1}), Relation::OtherTime);
     EXPECT_EQ(relationOf({"day/file", 5, -1}), Relation::OtherTime);
+    write("day/old", "12345", -1);
+    EXPECT_EQ(relationOf({"day/old", 5, -1}), Relation::OtherTime) << "no time is known";
     EXPECT_EQ(relationOf({"day/file", 6, kTime}), Relation::Shorter);
     EXPECT_EQ(relationOf({"day/file", 4, kTime}), Relation::Longer);
     EXPECT_EQ(relationOf({"day/other", 5, kTime}), Relation::Missing);

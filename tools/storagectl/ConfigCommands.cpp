@@ -27,7 +27,7 @@ Outcome checkFolderIsThere(Context& context, const QByteArray& folder) {
         return outcome;
     }
     QList<RemoteEntry> entries;
-    outcome = unit.list(entries);
+    outcome = unit.list({}, entries);
     const bool isThere = std::any_of(entries.begin(), entries.end(), [&](const auto& listed) {
         return listed.path == folder && listed.isDirectory;
     });
@@ -143,8 +143,9 @@ void showMember(Context& context, const TarMember& member) {
 Outcome show(Context& context, const QByteArray& archive) {
     Outcome outcome = ConfigNames::checkArchive(archive);
     ConfigContents contents;
+    ConfigUnit::File unused;
     if (outcome.isDone()) {
-        outcome = ConfigUnit(context).read(archive, contents);
+        outcome = ConfigUnit(context).read(archive, contents, unused);
     }
     for (const TarMember& member : contents.members()) {
         showMember(context, member);
@@ -247,8 +248,9 @@ Outcome compareWithUnit(Context& context, const QByteArray& archive, QByteArray 
         outcome = ConfigNames::checkFolder(folder);
     }
     ConfigContents contents;
+    ConfigUnit::File unused;
     if (outcome.isDone()) {
-        outcome = ConfigUnit(context).read(archive, contents);
+        outcome = ConfigUnit(context).read(archive, contents, unused);
     }
     if (outcome.isDone()) {
         outcome = chooseFolder(contents, archive, folder);
@@ -282,11 +284,11 @@ ExitCode configBackup(Context& context) {
 
 ExitCode configList(Context& context) {
     QList<RemoteEntry> entries;
-    const Outcome outcome = ConfigUnit(context).list(entries);
+    const Outcome outcome = ConfigUnit(context).list({}, entries);
     std::sort(entries.begin(), entries.end(),
               [](const auto& left, const auto& right) { return left.path < right.path; });
     for (const RemoteEntry& entry : std::as_const(entries)) {
-        if (entry.isDirectory || entry.path.contains('/') || !ConfigNames::isArchive(entry.path)) {
+        if (entry.isDirectory || !ConfigNames::isArchive(entry.path)) {
             continue;
         }
         context.output.object({{"command", "config list"},

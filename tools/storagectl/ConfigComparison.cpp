@@ -9,14 +9,15 @@ namespace {
 using State = ConfigDifference::State;
 
 bool isSetting(const QByteArray& name) {
-    return name.endsWith(".xml") && !name.contains('/') && !name.startsWith('.') &&
-           name != "system.xml";
+    const bool isSaved = name.endsWith(".xml") && !name.contains('/') && !name.startsWith('.') &&
+                         name != "system.xml";
+    return isSaved || ConfigContents::isRestoredFile(name);
 }
 
 }  // namespace
 
 Outcome ConfigComparison::run() {
-    const Outcome outcome = _unit.list(_entries);
+    const Outcome outcome = _unit.list(_folder, _entries);
     if (!outcome.isDone()) {
         return outcome;
     }
@@ -62,10 +63,10 @@ int ConfigComparison::count(State state, bool isRestored) const {
         }));
 }
 
-bool ConfigComparison::isRestored() const {
-    return count(State::OnlyUnit, true) + count(State::OnlyArchive, true) +
-               count(State::Differs, true) ==
-           0;
+bool ConfigComparison::isFolderThere() const {
+    return std::any_of(_entries.begin(), _entries.end(), [this](const RemoteEntry& entry) {
+        return entry.path == _folder && entry.isDirectory;
+    });
 }
 
 /// A file in the folder's place counts too.

@@ -30,10 +30,7 @@ public:
     int count(ConfigDifference::State state) const {
         return count(state, true) + count(state, false);
     }
-    /// Whether everything that a restore makes as in the archive is so.
-    bool isRestored() const;
-    /// Entries right below "/root/config" as well.
-    const QList<RemoteEntry>& entries() const { return _entries; }
+    bool isFolderThere() const;
 
 private:
     void compareArchived();

@@ -3,6 +3,7 @@
 #include <QDir>
 
 #include <algorithm>
+#include <set>
 
 namespace storagectl {
 
@@ -11,6 +12,7 @@ namespace {
 constexpr char kPrefix[] = "root/config/configBackup";
 constexpr qsizetype kMostHazards = 10;
 constexpr qsizetype kLongestName = 255;
+constexpr qsizetype kLongestPath = 4095;
 constexpr int kMostLinksInARow = 8;
 /// The daemon's limit; below it a restore would take the archive for damaged.
 constexpr qsizetype kDeepestFolder = 99;
@@ -50,10 +52,6 @@ bool leadsOut(const QByteArray& place, const QByteArray& target) {
     return target.startsWith('/');
 }
 
-bool isRestoredFile(const QByteArray& name) {
-    return name == "job.xml" || (name.startsWith("modbus") && name.endsWith("xml"));
-}
-
 }  // namespace
 
 bool ConfigContents::add(const TarMember& found) {
@@ -61,6 +59,10 @@ bool ConfigContents::add(const TarMember& found) {
         return false;
     }
     TarMember member = found;
+    if (found.name.size() > kLongestPath || found.target.size() > kLongestPath) {
+        addHazard(found.name.left(kLongestName), "and so on is longer than any path");
+        return true;
+    }
     if (!placeOf(found.name, member.name)) {
         addHazard(found.name, "lies outside of what a backup packs");
         return true;
@@ -101,27 +103,35 @@ bool ConfigContents::placeHardLink(TarMember& member) {
 
 void ConfigContents::finish() {
     for (const TarMember& member : std::as_const(_members)) {
-        const QByteArray parent =
-            member.name.left(qMax<qsizetype>(0, member.name.lastIndexOf('/')));
-        const auto above = _members.constFind(parent);
-        if (above != _members.constEnd() && above->kind != TarMember::Kind::Folder) {
-            addHazard(member.name, "lies in something that is no folder");
-        }
         const bool isFolder = member.kind == TarMember::Kind::Folder;
         if (member.name.count('/') + (isFolder ? 1 : 0) > kDeepestFolder) {
             addHazard(member.name, "lies deeper than the unit restores");
+        } else if (isBelowNoFolder(member.name)) {
+            addHazard(member.name, "lies in something that is no folder");
         }
     }
 }
 
-QByteArrayList ConfigContents::folders() const {
-    QByteArrayList result;
-    for (const TarMember& member : _members) {
-        if (member.kind == TarMember::Kind::Folder && !member.name.contains('/')) {
-            result.append(member.name);
+/// Folders on the way need no members of their own.
+bool ConfigContents::isBelowNoFolder(const QByteArray& name) const {
+    for (qsizetype slash = name.indexOf('/'); slash > 0; slash = name.indexOf('/', slash + 1)) {
+        const auto above = _members.constFind(name.left(slash));
+        if (above != _members.constEnd() && above->kind != TarMember::Kind::Folder) {
+            return true;
         }
     }
-    return result;
+    return false;
+}
+
+QByteArrayList ConfigContents::folders() const {
+    std::set<QByteArray> found;
+    for (const TarMember& member : _members) {
+        const qsizetype slash = member.name.indexOf('/');
+        if (slash > 0 || member.kind == TarMember::Kind::Folder) {
+            found.insert(slash > 0 ? member.name.left(slash) : member.name);
+        }
+    }
+    return {found.begin(), found.end()};
 }
 
 bool ConfigContents::hasFolder(const QByteArray& folder) const {
@@ -165,6 +175,11 @@ qint64 ConfigContents::fileBytes() const {
         bytes += member.kind == TarMember::Kind::File ? member.size : 0;
     }
     return bytes;
+}
+
+bool ConfigContents::isRestoredFile(const QByteArray& name) {
+    return name == "job.xml" ||
+           (name.startsWith("modbus") && name.endsWith("xml") && !name.contains('/'));
 }
 
 bool ConfigContents::comesBack(const TarMember& member, const QByteArray& folder) {

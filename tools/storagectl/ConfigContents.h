@@ -26,7 +26,7 @@ public:
     /// A sentence each, of the first few.
     const QStringList& hazards() const { return _hazards; }
 
-    /// Of the folders right below "/root/config".
+    /// Of the folders right below "/root/config", those without a member of their own too.
     QByteArrayList folders() const;
     bool hasFolder(const QByteArray& folder) const;
     /// Symbolic links in the folder that lead, or may lead, out of it.
@@ -37,6 +37,9 @@ public:
     int fileCount() const;
     qint64 fileBytes() const;
 
+    /// Whether a restore puts a file of this name, right below "/root/config", back beside the
+    /// folder.
+    static bool isRestoredFile(const QByteArray& name);
     /// Whether a restore of `folder` brings it back.
     static bool comesBack(const TarMember& member, const QByteArray& folder);
     static bool isIn(const QByteArray& name, const QByteArray& folder);
@@ -44,6 +47,7 @@ public:
 private:
     void addHazard(const QByteArray& name, const char* what);
     bool placeHardLink(TarMember& member);
+    bool isBelowNoFolder(const QByteArray& name) const;
 
     QMap<QByteArray, TarMember> _members;
     QStringList _hazards;

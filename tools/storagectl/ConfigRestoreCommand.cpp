@@ -42,6 +42,9 @@ public:
             outcome = backUpFirst();
         }
         if (outcome.isDone()) {
+            outcome = checkUnchanged();
+        }
+        if (outcome.isDone()) {
             outcome = restore();
         }
         return outcome;
@@ -58,10 +61,16 @@ private:
             outcome = ConfigNames::checkArchive(_options.archive);
         }
         if (outcome.isDone()) {
-            outcome = _unit.read(_options.archive, _contents);
+            outcome = _unit.read(_options.archive, _contents, _file);
         }
-        if (!outcome.isDone()) {
-            return outcome;
+        return outcome.isDone() ? judgeArchive() : outcome;
+    }
+
+    Outcome judgeArchive() const {
+        if (ConfigContents::isRestoredFile(_options.folder)) {
+            return refused(QString("%1 is a setting's name; the daemon would remove a folder of "
+                                   "that name")
+                               .arg(text(_options.folder)));
         }
         if (!_contents.hazards().isEmpty()) {
             return refused("not what a backup makes, it is not restored: " +
@@ -86,10 +95,7 @@ private:
         if (!outcome.isDone()) {
             return outcome;
         }
-        const auto& entries = comparison.entries();
-        _isFolderThere = std::any_of(entries.begin(), entries.end(), [&](const auto& entry) {
-            return entry.path == _options.folder && entry.isDirectory;
-        });
+        _isFolderThere = comparison.isFolderThere();
         const auto names = [&](State state) { return namesOf(comparison, state); };
         _context.output.talk(QString("%1: %2 files, %3. A restore of %4")
                                  .arg(_name)
@@ -200,6 +206,9 @@ private:
         const QByteArray archive = ConfigNames::safetyArchiveFor(_options.folder);
         ConfigBackup backup(_context, _options.folder, archive);
         Outcome outcome = backup.run(false);
+        if (outcome.isDone()) {
+            outcome = readBack(archive);
+        }
         if (!outcome.isDone()) {
             outcome.message +=
                 "; without this backup nothing was restored (--no-safety leaves it "
@@ -218,6 +227,26 @@ private:
                                 {"archive", text(archive)},
                                 {"size", backup.size()}});
         return outcome;
+    }
+
+    Outcome readBack(const QByteArray& archive) {
+        ConfigContents contents;
+        ConfigUnit::File unused;
+        const Outcome outcome = _unit.read(archive, contents, unused);
+        return !outcome.isDone() || !_isFolderThere || contents.hasFolder(_options.folder)
+                   ? outcome
+                   : Outcome::failure(ExitCode::Failed,
+                                      QString("%1: does not hold %2 as a folder")
+                                          .arg(text(archive), text(_options.folder)));
+    }
+
+    /// What was read and agreed to is what must be restored.
+    Outcome checkUnchanged() {
+        ConfigUnit::File now{_file.path, _file.size};
+        const Outcome outcome = _unit.digest(now);
+        return !outcome.isDone() || now.digest == _file.digest
+                   ? outcome
+                   : refused("is not what it was when it was read, nothing was restored");
     }
 
     Outcome restore() {
@@ -309,6 +338,7 @@ private:
     ConfigUnit _unit;
     QString _name;
     ConfigContents _contents;
+    ConfigUnit::File _file;  ///< the archive as it was read
     bool _isFolderThere = false;
 };
 

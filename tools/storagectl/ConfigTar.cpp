@@ -1,5 +1,7 @@
 #include "tools/storagectl/ConfigTar.h"
 
+#include <QList>
+
 #include <algorithm>
 #include <limits>
 #include <utility>
@@ -59,16 +61,24 @@ std::optional<qint64> binaryNumber(const QByteArray& bytes) {
     return isNegative ? std::nullopt : std::optional(number);
 }
 
-/// In octal digits with blanks in front or behind; nothing where it is no number, or negative.
+bool isAllOf(const QByteArray& text, char first, char last) {
+    return !text.isEmpty() && std::all_of(text.cbegin(), text.cend(), [=](char letter) {
+        return letter >= first && letter <= last;
+    });
+}
+
+/// In octal digits with blanks in front or behind; nothing where it is no such number. Signs and
+/// prefixes mean one thing to one reader, and another to the next.
 std::optional<qint64> numberOf(const QByteArray& block, Field field) {
     const QByteArray bytes = block.mid(field.offset, field.length);
     if ((bytes[0] & 0x80) != 0) {
         return binaryNumber(bytes);
     }
     const QByteArray digits = untilZero(bytes).trimmed();
-    bool isNumber = true;
-    const qint64 number = digits.isEmpty() ? 0 : digits.toLongLong(&isNumber, 8);
-    return isNumber && number >= 0 ? std::optional(number) : std::nullopt;
+    if (digits.isEmpty()) {
+        return 0;
+    }
+    return isAllOf(digits, '0', '7') ? std::optional(digits.toLongLong(nullptr, 8)) : std::nullopt;
 }
 
 bool hasItsChecksum(const QByteArray& block) {
@@ -109,10 +119,16 @@ std::optional<TarMember::Kind> kindOf(char type) {
 }
 
 std::optional<qint64> wholeNumber(const QByteArray& text) {
-    bool isNumber = false;
-    const qint64 number = text.left(text.indexOf('.') < 0 ? text.size() : text.indexOf('.'))
-                              .toLongLong(&isNumber, 10);
-    return isNumber ? std::optional(number) : std::nullopt;
+    bool fits = false;
+    const qint64 number = text.toLongLong(&fits, 10);
+    return fits && isAllOf(text, '0', '9') ? std::optional(number) : std::nullopt;
+}
+
+/// Whole seconds, of a time that may have a fraction or be long ago.
+std::optional<qint64> secondsOf(const QByteArray& text) {
+    bool fits = false;
+    const qint64 seconds = text.split('.').first().toLongLong(&fits, 10);
+    return fits ? std::optional(seconds) : std::nullopt;
 }
 
 }  // namespace
@@ -197,8 +213,7 @@ bool ConfigTar::takeMember(char type) {
     _member.modified = _extension.modified.value_or(numberOf(_block, kModified).value_or(-1));
     _extension = {};
     _digest.reset();
-    const bool isFolder = _member.name.endsWith('/') && type == kOldFile;
-    if (isFolder) {
+    if (_member.name.endsWith('/') && _member.kind == TarMember::Kind::File) {
         _member.kind = TarMember::Kind::Folder;
     }
     while (_member.name.size() > 1 && _member.name.endsWith('/')) {
@@ -235,7 +250,16 @@ bool ConfigTar::finishExtension() {
     if (_extensionType == kRecords) {
         return takeRecords(records);
     }
-    (_extensionType == kLongName ? _extension.name : _extension.target) = untilZero(records);
+    return _extensionType == kLongName ? take(_extension.name, untilZero(records))
+                                       : take(_extension.target, untilZero(records));
+}
+
+/// Said twice, readers differ in what counts.
+bool ConfigTar::take(std::optional<QByteArray>& name, const QByteArray& value) {
+    if (name) {
+        return fail("a member has two names");
+    }
+    name = value;
     return true;
 }
 
@@ -266,16 +290,16 @@ bool ConfigTar::takeRecords(const QByteArray& records) {
 
 bool ConfigTar::takeRecord(const QByteArray& key, const QByteArray& value) {
     if (key == "path") {
-        _extension.name = value;
-    } else if (key == "linkpath") {
-        _extension.target = value;
-    } else if (key == "mtime") {
-        _extension.modified = wholeNumber(value);
+        return take(_extension.name, value);
+    }
+    if (key == "linkpath") {
+        return take(_extension.target, value);
+    }
+    if (key == "mtime") {
+        _extension.modified = secondsOf(value);
     } else if (key == "size") {
         _extension.size = wholeNumber(value);
-        if (!_extension.size || *_extension.size < 0) {
-            return fail("a member's extended header is damaged");
-        }
+        return _extension.size.has_value() || fail("a member's extended header is damaged");
     } else if (key.startsWith("GNU.sparse")) {
         return fail("it has a kind of member that no backup has");
     }

@@ -55,6 +55,7 @@ private:
     bool finishExtension();
     bool takeRecords(const QByteArray& records);
     bool takeRecord(const QByteArray& key, const QByteArray& value);
+    bool take(std::optional<QByteArray>& name, const QByteArray& value);
     bool fail(const char* fault);
 
     Found _found;

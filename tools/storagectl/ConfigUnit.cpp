@@ -32,6 +32,8 @@ public:
     }
 
     Outcome append(const QByteArray& bytes) override {
+        _digest.addData(bytes);
+        _length += bytes.size();
         _gzip->add(bytes);
         return fault().isEmpty() ? Outcome::done() : damaged(fault());
     }
@@ -39,6 +41,8 @@ public:
     bool startOver() override {
         _contents = {};
         _hasTooMany = false;
+        _digest.reset();
+        _length = 0;
         _tar.emplace([this](const TarMember& member) {
             _hasTooMany = !_contents.add(member);
             return !_hasTooMany;
@@ -47,6 +51,8 @@ public:
             [this](const char* data, qsizetype length) { return _tar->add(data, length); });
         return true;
     }
+
+    ConfigUnit::File file() const { return {_path, _length, _digest.result()}; }
 
     Outcome finish() {
         _contents.finish();
@@ -69,6 +75,8 @@ private:
     QByteArray _path;
     ConfigContents& _contents;
     bool _hasTooMany = false;
+    QCryptographicHash _digest{QCryptographicHash::Md5};
+    qint64 _length = 0;
     std::optional<ConfigTar> _tar;
     std::optional<ConfigGzip> _gzip;
 };
@@ -90,9 +98,17 @@ QByteArray ConfigUnit::pathOf(const QByteArray& name) {
     return QByteArray(StoragePaths::kConfigRoot) + '/' + name;
 }
 
-Outcome ConfigUnit::list(QList<RemoteEntry>& entries) {
+Outcome ConfigUnit::list(const QByteArray& folder, QList<RemoteEntry>& entries) {
     RemoteTree tree(_context);
-    const Outcome outcome = tree.list(StoragePaths::kConfigRoot, entries);
+    Outcome outcome = tree.listDirectory(StoragePaths::kConfigRoot, entries);
+    const bool hasFolder = std::any_of(entries.begin(), entries.end(), [&](const auto& entry) {
+        return entry.isDirectory && entry.path == pathOf(folder);
+    });
+    if (outcome.isDone() && hasFolder) {
+        QList<RemoteEntry> below;
+        outcome = tree.list(pathOf(folder), below);
+        entries.append(below);
+    }
     const QByteArray root = pathOf({});
     for (RemoteEntry& entry : entries) {
         entry.path = entry.path.startsWith(root) ? entry.path.mid(root.size()) : entry.path;
@@ -109,7 +125,7 @@ Outcome ConfigUnit::find(const QByteArray& archive, FileService::Entry& entry) {
     return outcomeOf(_context.files.lookUp(path, entry), text(path));
 }
 
-Outcome ConfigUnit::read(const QByteArray& archive, ConfigContents& contents) {
+Outcome ConfigUnit::read(const QByteArray& archive, ConfigContents& contents, File& file) {
     const QByteArray path = pathOf(archive);
     ArchiveSink sink(path, contents);
     PieceDigests digests;
@@ -118,6 +134,7 @@ Outcome ConfigUnit::read(const QByteArray& archive, ConfigContents& contents) {
                       sink, digests);
     const Outcome outcome = download.run();
     const Outcome finished = sink.finish();
+    file = sink.file();
     return outcome.isDone() ? finished : outcome;
 }
 

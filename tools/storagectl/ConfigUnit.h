@@ -23,13 +23,14 @@ public:
 
     static QByteArray pathOf(const QByteArray& name);
 
-    /// Everything below the configuration folder, names relative to it.
-    Outcome list(QList<RemoteEntry>& entries);
+    /// What is right below the configuration folder, and all below `folder` in it unless that is
+    /// empty or not there. Names are relative to the configuration folder.
+    Outcome list(const QByteArray& folder, QList<RemoteEntry>& entries);
     /// Whether there is such a file.
     Outcome find(const QByteArray& archive, FileService::Entry& entry);
     /// Reads an archive through. Integrity where it is damaged; `contents` then holds what was in
-    /// front of the damage.
-    Outcome read(const QByteArray& archive, ConfigContents& contents);
+    /// front of the damage. `file` is the archive as it was read, valid with Done.
+    Outcome read(const QByteArray& archive, ConfigContents& contents, File& file);
     /// Asks for the digests, many at a time, and goes on after breaks.
     Outcome digest(QList<File>& files);
     Outcome digest(File& file);

@@ -149,6 +149,18 @@ Answer Connection::wait(int milliseconds) {
     return Answer::Success;
 }
 
+Answer Connection::pause(int milliseconds) {
+    const quint32 start = Clock::ticks();
+    const auto whole = static_cast<quint32>(milliseconds);
+    for (;;) {
+        const quint32 left = whole - std::min(Clock::ticks() - start, whole);
+        const Answer answer = wait(static_cast<int>(left));
+        if (answer != Answer::Success || left == 0) {
+            return answer;
+        }
+    }
+}
+
 Answer Connection::next(Answered& answered, int extraMilliseconds) {
     const quint32 start = Clock::ticks();
     const quint32 allowed = _timeoutMilliseconds + static_cast<quint32>(extraMilliseconds);

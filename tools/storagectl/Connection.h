@@ -65,6 +65,8 @@ public:
     bool send(const Message& request);
     /// Waits for deliveries once, for so long at the most. Success, NoBroker or Interrupted.
     Answer wait(int milliseconds);
+    /// The same for all of that time, whatever is delivered.
+    Answer pause(int milliseconds);
 
     /// Sends a request. False where there is no broker; `next` says so then.
     bool post(const Message& request);

@@ -1,5 +1,9 @@
 #include "tools/storagectl/Download.h"
 
+#include "bus/Clock.h"
+
+#include <algorithm>
+
 namespace storagectl {
 
 Download::Download(const TransferTools& tools, const QByteArray& path, Sink& sink,
@@ -68,11 +72,17 @@ Outcome Download::startOver(const QString& reason) {
 
 Outcome Download::fetch(const FileService::OpenFile& file) {
     Connection& connection = _tools.files.connection();
+    // With a rate one request at a time, of a second's bytes at the most.
+    const qint64 rate = _tools.bytesASecond;
+    const int window = rate > 0 ? 1 : kWindow;
+    const qint64 chunkBytes = rate > 0 ? std::min<qint64>(rate, kChunkBytes) : kChunkBytes;
     qint64 asked = _digests.length();
     _tools.progress.begin("fetched", asked, _size);
     while (_digests.length() < _size) {
-        while (asked < _size && connection.underWay() < kWindow) {
-            const qint64 length = qMin<qint64>(kChunkBytes, _size - asked);
+        const qint64 before = _digests.length();
+        const quint32 start = Clock::ticks();
+        while (asked < _size && connection.underWay() < window) {
+            const qint64 length = std::min(chunkBytes, _size - asked);
             Message request;
             request.construct(MESSAGE_FILE_READ, "iii", file.handle, asked, length);
             connection.post(request);
@@ -80,14 +90,25 @@ Outcome Download::fetch(const FileService::OpenFile& file) {
         }
         Connection::Answered answered;
         const Answer answer = connection.next(answered);
-        const Outcome outcome =
+        Outcome outcome =
             answer == Answer::Success ? take(answered) : outcomeOf(answer, text(_path));
+        if (outcome.isDone() && rate > 0) {
+            outcome = holdBack(_digests.length() - before, start);
+        }
         if (!outcome.isDone()) {
             return outcome;
         }
         _tools.progress.update(_digests.length());
     }
     return Outcome::done();
+}
+
+/// Until so many bytes have taken the time that they may.
+Outcome Download::holdBack(qint64 bytes, quint32 since) {
+    const qint64 milliseconds = bytes * 1000 / _tools.bytesASecond - (Clock::ticks() - since);
+    return outcomeOf(
+        _tools.files.connection().pause(static_cast<int>(std::max<qint64>(0, milliseconds))),
+        text(_path));
 }
 
 Outcome Download::take(const Connection::Answered& answered) {

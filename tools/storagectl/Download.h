@@ -33,6 +33,7 @@ private:
     Outcome startOver(const QString& reason);
     Outcome fetch(const FileService::OpenFile& file);
     Outcome take(const Connection::Answered& answered);
+    Outcome holdBack(qint64 bytes, quint32 since);
     Outcome verify(const FileService::OpenFile& file);
 
     Sink& _sink;

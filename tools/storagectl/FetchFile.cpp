@@ -4,7 +4,9 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <algorithm>
+#include <set>
 
 namespace storagectl {
 
@@ -13,6 +15,8 @@ namespace {
 /// A file that changes each time it is fetched is given up.
 constexpr int kMostChanges = 5;
 constexpr qint64 kReadBytes = 1024 * 1024;
+/// Up to so many files are flushed one by one: a file system has more to flush than ours.
+constexpr std::size_t kFewFiles = 4;
 
 }  // namespace
 
@@ -100,6 +104,7 @@ void FetchFile::begin(StreamEvents::Start start) {
             break;
         case Start::NothingLeft:
             _isProved = _length > 0;
+            checkClaim();
             break;
         case Start::Directory:
         case Start::EmptyDirectory:
@@ -111,9 +116,10 @@ void FetchFile::begin(StreamEvents::Start start) {
 }
 
 /// What is here is a prefix by the daemon's own digest. Where it was the whole file a moment ago,
-/// that is the proof, and what follows was written since.
+/// that is the proof, and what follows was written since; unless it is less than was listed.
 void FetchFile::resume() {
-    if (_isWhole) {
+    checkClaim();
+    if (_isWhole && _length >= _item.size) {
         _isProved = true;
         _item.grew = true;
         return;
@@ -156,7 +162,7 @@ void FetchFile::fail(const QByteArray& reason) {
         giveUp(Outcome::failure(
             ExitCode::NotFound,
             subject + (_isWhole ? ": vanished before it could be compared" : ": not found")));
-    } else if (reason == "Read error") {
+    } else if (reason == "Read error" && _isArriving) {
         change("became shorter while it was read");
         _isArriving = false;
     } else {
@@ -169,6 +175,13 @@ void FetchFile::fail(const QByteArray& reason) {
 void FetchFile::change(const QString& fault) {
     if (++_changes > kMostChanges) {
         giveUp(Outcome::failure(ExitCode::Integrity, text(_item.remote) + ": " + fault));
+    }
+}
+
+/// Only what was claimed can be agreed to.
+void FetchFile::checkClaim() {
+    if (_length == 0) {
+        change("the daemon's answer does not fit the request");
     }
 }
 
@@ -191,6 +204,19 @@ void FetchFile::endRequest() {
     _isWhole = _isWhole || std::exchange(_isArriving, false);
 }
 
+void FetchFile::doubt() {
+    _isProved = false;
+    _item.grew = false;
+    if (!isLost()) {
+        _outcome = {};
+    }
+}
+
+bool FetchFile::isLost() const {
+    return !_outcome.isDone() && _outcome.code != ExitCode::NotFound &&
+           _outcome.code != ExitCode::Failed;
+}
+
 void FetchFile::close() {
     if (_isTarget) {
         _partial.discardIfEmpty();
@@ -207,6 +233,28 @@ Outcome FetchFile::stamp() {
                    ::utimensat(AT_FDCWD, _item.local.constData(), times, AT_SYMLINK_NOFOLLOW) == 0
                ? Outcome::done()
                : localFailure(_item.local, "its time cannot be set");
+}
+
+Outcome flushAll(const std::vector<FetchFile*>& files) {
+    if (files.size() <= kFewFiles) {
+        for (FetchFile* file : files) {
+            const Outcome outcome = file->partial().flush();
+            if (!outcome.isDone()) {
+                return outcome;
+            }
+        }
+        return Outcome::done();
+    }
+    std::set<dev_t> flushed;
+    for (FetchFile* file : files) {
+        const int descriptor = file->partial().descriptor();
+        struct stat status = {};
+        const bool isKnown = ::fstat(descriptor, &status) == 0;
+        if (isKnown && flushed.insert(status.st_dev).second && ::syncfs(descriptor) != 0) {
+            return localFailure(file->partial().path(), "cannot be flushed");
+        }
+    }
+    return Outcome::done();
 }
 
 }  // namespace storagectl

@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <utility>
+#include <vector>
 
 namespace storagectl {
 
@@ -30,12 +31,19 @@ public:
     void begin(StreamEvents::Start start);
     void take(const char* data, qint64 length);
     void fail(const QByteArray& reason);
+    /// Whether the daemon has more of it, as far as the listing knows.
+    bool expectsMore() const { return !_isArriving || _length < _item.size; }
     /// The daemon goes on to the next one.
     void endRequest();
+    /// The stream broke, and may have lost a piece before: what the daemon seemed to say of the
+    /// file is not relied on. Bytes are, as far as the next answer agrees with their digest.
+    void doubt();
 
     const FetchItem& item() const { return _item; }
     const Outcome& outcome() const { return _outcome; }
     void giveUp(const Outcome& outcome) { _outcome = outcome; }
+    /// Failed whatever else the daemon says of it.
+    bool isLost() const;
     qint64 length() const { return _length; }
     /// What the partial file holds for the next run.
     qint64 keptLength() const { return _isTarget ? 0 : _length; }
@@ -57,6 +65,7 @@ private:
     void append(const QByteArray& bytes);
     void resume();
     void change(const QString& fault);
+    void checkClaim();
     void restart(const QString& reason);
 
     FetchItem _item;
@@ -71,5 +80,8 @@ private:
     QString _reason;
     Outcome _outcome;
 };
+
+/// Flushes what arrived of several files.
+Outcome flushAll(const std::vector<FetchFile*>& files);
 
 }  // namespace storagectl

@@ -1,10 +1,7 @@
 #include "tools/storagectl/FetchRun.h"
 
 #include "tools/storagectl/Download.h"
-#include "tools/storagectl/LocalSource.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
 #include <algorithm>
 #include <set>
 #include <utility>
@@ -17,8 +14,6 @@ namespace {
 constexpr std::size_t kMostFiles = 256;
 constexpr qint64 kMostNameBytes = 64 * 1024;
 constexpr qint64 kMostBytes = 64 * 1024 * 1024;
-/// Up to so many files are flushed one by one: a file system has more to flush than ours.
-constexpr std::size_t kFewFiles = 4;
 /// Up to here the file service's requests take less time than a download's two; above, as much.
 constexpr qint64 kSmallBytes = 64 * 1024;
 
@@ -35,26 +30,8 @@ QString progressName(const QList<FetchItem>& items) {
     return items.size() == 1 ? text(items.first().remote) : QString("%1 files").arg(items.size());
 }
 
-Outcome flush(const std::vector<FetchFile*>& files) {
-    if (files.size() <= kFewFiles) {
-        for (FetchFile* file : files) {
-            const Outcome outcome = file->partial().flush();
-            if (!outcome.isDone()) {
-                return outcome;
-            }
-        }
-        return Outcome::done();
-    }
-    std::set<dev_t> flushed;
-    for (FetchFile* file : files) {
-        const int descriptor = file->partial().descriptor();
-        struct stat status = {};
-        const bool isKnown = ::fstat(descriptor, &status) == 0;
-        if (isKnown && flushed.insert(status.st_dev).second && ::syncfs(descriptor) != 0) {
-            return localFailure(file->partial().path(), "cannot be flushed");
-        }
-    }
-    return Outcome::done();
+Outcome diskFull() {
+    return {ExitCode::LocalFile, "the local disk is full", false, true};
 }
 
 }  // namespace
@@ -67,20 +44,21 @@ FetchRun::FetchRun(Context& context, FetchTotals& totals, const QList<FetchItem>
       _ended(ended),
       _pacing(context.options.bytesASecond),
       _progress(context.output, progressName(items)),
-      _retriesLeft(context.options.retries) {
+      _retries(context.files.connection(), context.output, context.options.retries) {
     for (const FetchItem& item : items) {
-        _total += std::max<qint64>(0, item.size);
+        _targets.insert(item.local);
+    }
+    for (const FetchItem& item : items) {
+        _total += whyNot(item).isDone() ? item.size : 0;
     }
 }
 
 Outcome FetchRun::run() {
     _progress.begin("fetched", 0, _total);
     while (fillRound()) {
-        const qsizetype leftBefore = left();
         Outcome outcome = runRound();
         if (outcome.mayRetry) {
-            const bool hadProgress = _present > _mostPresent || left() < leftBefore;
-            outcome = retry(outcome, hadProgress);
+            outcome = _retries.next(outcome, _present > _mostPresent, subjectOf(_items));
         }
         _mostPresent = std::max(_mostPresent, _present);
         if (!outcome.isDone()) {
@@ -90,19 +68,32 @@ Outcome FetchRun::run() {
     return _hopeless.isDone() ? Outcome::done() : giveUp(_hopeless);
 }
 
-/// Files that have not ended.
-qsizetype FetchRun::left() const {
-    return static_cast<qsizetype>(_round.size()) + _items.size() - _next;
+/// Why a file cannot be fetched, whatever the daemon says of it.
+Outcome FetchRun::whyNot(const FetchItem& item) const {
+    if (item.size > FileService::kLargestFileBytes) {
+        return tooLargeFor(item.remote);
+    }
+    const QByteArray partial = item.local + PartialFile::kEnding;
+    if (_targets.contains(partial)) {
+        return Outcome::failure(
+            ExitCode::Unsafe,
+            QString("%1: would be fetched into %2, which is the name of another file that this "
+                    "command fetches; get it to another directory")
+                .arg(text(item.remote), text(partial)));
+    }
+    return checkWireName(item.remote);
 }
 
-/// Adds files to those that wait for their proof. False where there is nothing left to do.
+/// Adds files to those that wait for their proof; after a break none, so that what a stream has to
+/// bring before it is relied on grows less. False where there is nothing left to do.
 bool FetchRun::fillRound() {
+    const bool takesMore = !_isBroken || _round.empty();
     qint64 nameBytes = 0;
     qint64 bytes = 0;
     for (const auto& file : _round) {
         nameBytes += file->requestLine().size();
     }
-    while (_next < _items.size() && _hopeless.isDone() && _round.size() < kMostFiles &&
+    while (takesMore && _next < _items.size() && _hopeless.isDone() && _round.size() < kMostFiles &&
            nameBytes < kMostNameBytes && bytes < kMostBytes) {
         const FetchItem& item = _items[_next++];
         addToRound(item);
@@ -113,10 +104,7 @@ bool FetchRun::fillRound() {
 }
 
 void FetchRun::addToRound(const FetchItem& item) {
-    Outcome outcome = checkWireName(item.remote);
-    if (outcome.isDone() && item.size > FileService::kLargestFileBytes) {
-        outcome = tooLargeFor(item.remote);
-    }
+    Outcome outcome = whyNot(item);
     const bool isSmallAlone =
         _items.size() == 1 && item.size <= kSmallBytes && _context.options.bytesASecond == 0;
     if (!outcome.isDone()) {
@@ -143,6 +131,12 @@ Outcome FetchRun::runRound() {
     }
     bool isRefused = false;
     const Outcome outcome = stream(isRefused);
+    _isBroken = !outcome.isDone();
+    if (_isBroken || !_hopeless.isDone()) {
+        for (const auto& file : _round) {
+            file->doubt();
+        }
+    }
     settle();
     if (isRefused && _hopeless.isDone()) {
         readRound();
@@ -162,6 +156,7 @@ Outcome FetchRun::stream(bool& isRefused) {
     DownloadJob job({connection, _pacing, *this, subjectOf(_items)});
     const Outcome outcome = job.run(entries, [this, &job] {
         _totals.bytesOnWire = _wireBefore + job.bytesOnWire();
+        showProgress();
         return goesOn();
     });
     _totals.bytesOnWire = _wireBefore + job.bytesOnWire();
@@ -179,9 +174,9 @@ Outcome FetchRun::stream(bool& isRefused) {
 }
 
 bool FetchRun::goesOn() const {
-    const auto hasFailed = [](const auto& file) { return !file->outcome().isDone(); };
+    const auto isLost = [](const auto& file) { return file->isLost(); };
     return _hopeless.isDone() && !_hasTooMany &&
-           !std::all_of(_round.cbegin(), _round.cend(), hasFailed);
+           !std::all_of(_round.cbegin(), _round.cend(), isLost);
 }
 
 void FetchRun::endCurrent() {
@@ -209,9 +204,13 @@ void FetchRun::failed(const QByteArray& reason) {
     tell([&reason](FetchFile& file) { file.fail(reason); });
 }
 
+bool FetchRun::expectsMore() const {
+    return _current < 0 || _round[static_cast<std::size_t>(_current)]->expectsMore();
+}
+
 template <typename Event>
 void FetchRun::tell(const Event& event) {
-    if (_current < 0 || _hasTooMany) {
+    if (_current < 0 || _hasTooMany || !_hopeless.isDone()) {
         return;
     }
     FetchFile& file = *_round[static_cast<std::size_t>(_current)];
@@ -223,7 +222,7 @@ void FetchRun::tell(const Event& event) {
         _context.output.talk(text(file.item().remote) + ": starting over, " + reason);
     }
     if (file.isDiskFull()) {
-        _hopeless = Outcome::failure(ExitCode::LocalFile, "the local disk is full");
+        _hopeless = diskFull();
     }
     showProgress();
 }
@@ -267,7 +266,7 @@ void FetchRun::putInPlace(const std::vector<FetchFile*>& proved) {
             arrived.push_back(file);
         }
     }
-    const Outcome flushed = flush(arrived);
+    const Outcome flushed = flushAll(arrived);
     std::set<QByteArray> directories;
     for (FetchFile* file : arrived) {
         file->giveUp(flushed.isDone() ? file->partial().putInPlace() : flushed);
@@ -276,19 +275,6 @@ void FetchRun::putInPlace(const std::vector<FetchFile*>& proved) {
     for (const QByteArray& directory : directories) {
         syncDirectory(directory);
     }
-}
-
-Outcome FetchRun::retry(const Outcome& broken, bool hadProgress) {
-    Connection& connection = _context.files.connection();
-    _retriesLeft = hadProgress ? _context.options.retries : _retriesLeft;
-    if (!connection.hasAnswered() || _retriesLeft == 0) {
-        return broken;
-    }
-    --_retriesLeft;
-    _context.output.talk(broken.message + "; trying again");
-    const Answer answer = connection.startAfresh();
-    // A broker that stays away is found out by the next attempt.
-    return answer == Answer::Interrupted ? outcomeOf(answer, subjectOf(_items)) : Outcome::done();
 }
 
 Outcome FetchRun::giveUp(const Outcome& outcome) {
@@ -327,7 +313,8 @@ void FetchRun::read(FetchItem item) {
     PieceDigests digests;
     Outcome outcome = partial.open(digests);
     Progress progress(_context.output, text(item.remote));
-    Download download({_context.files, _context.output, progress, _context.options.retries},
+    Download download({_context.files, _context.output, progress, _context.options.retries,
+                       _context.options.bytesASecond},
                       item.remote, partial, digests);
     if (outcome.isDone()) {
         outcome = download.run();
@@ -342,13 +329,11 @@ void FetchRun::read(FetchItem item) {
     if (outcome.isDone()) {
         item.size = download.size();
     } else {
+        _progress.forget(item.size - download.bytesPresent());
         partial.discardIfEmpty();
     }
-    const bool isHopeless = outcome.code == ExitCode::NoBroker ||
-                            outcome.code == ExitCode::NoDaemon ||
-                            outcome.code == ExitCode::Interrupted || partial.isDiskFull();
-    if (isHopeless) {
-        _hopeless = outcome;
+    if (partial.isDiskFull() || outcome.isHopeless()) {
+        _hopeless = partial.isDiskFull() ? diskFull() : outcome;
     }
     end(item, outcome);
 }
@@ -358,6 +343,7 @@ void FetchRun::end(FetchFile& file, Outcome outcome) {
     if (outcome.isDone()) {
         item.size = file.length();
     } else {
+        _progress.forget(item.size - file.length());
         outcome.message += keptText(file.keptLength(), file.partial().path());
         file.partial().discardIfEmpty();
     }

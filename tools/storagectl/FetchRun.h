@@ -3,6 +3,9 @@
 #include "tools/storagectl/DownloadJob.h"
 #include "tools/storagectl/FetchFile.h"
 #include "tools/storagectl/Progress.h"
+#include "tools/storagectl/Retries.h"
+
+#include <QSet>
 
 #include <deque>
 #include <memory>
@@ -25,8 +28,9 @@ private:
     void fileBytes(const char* data, qint64 length) override;
     void directoryEntry(const Entry&) override {}
     void failed(const QByteArray& reason) override;
+    bool expectsMore() const override;
 
-    qsizetype left() const;
+    Outcome whyNot(const FetchItem& item) const;
     bool fillRound();
     void addToRound(const FetchItem& item);
     Outcome runRound();
@@ -37,7 +41,6 @@ private:
     void tell(const Event& event);
     void settle();
     void putInPlace(const std::vector<FetchFile*>& proved);
-    Outcome retry(const Outcome& broken, bool hadProgress);
     Outcome giveUp(const Outcome& outcome);
     void readRound();
     void read(FetchItem item);
@@ -51,6 +54,7 @@ private:
     const Fetch::Ended& _ended;
     Pacing _pacing;
     Progress _progress;
+    QSet<QByteArray> _targets;
     qsizetype _next = 0;  ///< of the items, the first that was not begun
     std::deque<std::unique_ptr<FetchFile>> _round;
     qsizetype _current = -1;  ///< in the round, the file that the stream is at
@@ -58,8 +62,9 @@ private:
     qint64 _mostPresent = 0;  ///< when a round ended; to fall back and catch up is no progress
     qint64 _present = 0;      ///< bytes of all files that are here
     qint64 _total = 0;
-    int _retriesLeft;
+    Retries _retries;
     bool _hasTooMany = false;  ///< answers in the stream
+    bool _isBroken = false;    ///< the last stream
     bool _hasToldOfRefusal = false;
     Outcome _hopeless;  ///< why no other file can fare better
 };

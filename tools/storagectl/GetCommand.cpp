@@ -49,11 +49,6 @@ Outcome lookUpFile(Context& context, const QByteArray& path, FileService::Entry&
     return entry.tooLarge ? tooLargeFor(path) : Outcome::done();
 }
 
-bool endsEverything(const Outcome& outcome) {
-    return outcome.code == ExitCode::NoBroker || outcome.code == ExitCode::NoDaemon ||
-           outcome.code == ExitCode::Interrupted;
-}
-
 /// One run of get: gathers what there is to fetch, so that the total is known before the first
 /// byte, makes the directories, and fetches all files together.
 class GetRun {
@@ -70,7 +65,7 @@ public:
             if (!outcome.isDone()) {
                 failed(outcome, path);
             }
-            if (endsEverything(outcome)) {
+            if (outcome.isHopeless()) {
                 return _tally.code();
             }
         }
@@ -188,7 +183,7 @@ private:
     }
 
     void ended(const FetchItem& item, const Outcome& outcome) {
-        if (!outcome.isDone() && _items.size() > 1 && endsEverything(outcome)) {
+        if (!outcome.isDone() && _items.size() > 1 && outcome.isHopeless()) {
             _tally.add(outcome);
             ++_givenUp;
         } else if (!outcome.isDone()) {

@@ -1,10 +1,12 @@
 #include "tools/storagectl/Mirror.h"
 
+#include "jobs/DownloadStream.h"
 #include "tools/storagectl/Interrupt.h"
 #include "tools/storagectl/LocalSource.h"
+#include "tools/storagectl/PartialFile.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 #include <cerrno>
 
 namespace storagectl {
@@ -26,6 +28,14 @@ QString changeOf(Relation relation) {
     }
 }
 
+/// What so many bytes of a file take as data messages, if none can be compressed: their blocks, the
+/// proof, and the ends of two requests where it has them for itself.
+qint64 wireBytesOf(qint64 size) {
+    using namespace DownloadStream;
+    const qint64 blocks = (size + kBlockBytes - 1) / kBlockBytes;
+    return size + (blocks + 3) * kRecordHeaderBytes;
+}
+
 QString durationText(qint64 seconds) {
     if (seconds < 120) {
         return QString("%1 s").arg(seconds);
@@ -34,10 +44,23 @@ QString durationText(qint64 seconds) {
                           : QString("%1 h").arg(seconds / 3600);
 }
 
+/// What was a directory may be a link by now. `errno` says what it is not.
+bool isDirectory(const QByteArray& path, bool followsLink) {
+    struct stat status = {};
+    const int flags = followsLink ? 0 : AT_SYMLINK_NOFOLLOW;
+    const bool isThere = ::fstatat(AT_FDCWD, path.constData(), &status, flags) == 0;
+    errno = ENOTDIR;
+    return isThere && S_ISDIR(status.st_mode);
+}
+
 }  // namespace
 
 Mirror::Mirror(Context& context)
-    : _context(context), _options(context.options.mirror), _unit(context), _fetch(context) {}
+    : _context(context),
+      _options(context.options.mirror),
+      _unit(context),
+      _absence(context),
+      _fetch(context) {}
 
 ExitCode Mirror::run() {
     const Outcome read = readTrees();
@@ -87,8 +110,8 @@ void Mirror::plan(const TreeComparison& comparison) {
         ++count;
         const bool mayHelp =
             row.relation == Relation::Shorter || row.relation == Relation::OtherTime;
-        _plan.mostBytes += row.file.size;
-        _plan.leastBytes += row.file.size - (mayHelp ? row.here.size : 0);
+        _plan.mostBytes += wireBytesOf(row.file.size);
+        _plan.leastBytes += wireBytesOf(row.file.size - (mayHelp ? row.here.size : 0));
         _plan.items.append({remotePath(row.file.name), localPath(row.file.name), row.file.size,
                             row.file.modified});
         _plan.rows.insert(_plan.items.last().remote, &row);
@@ -106,7 +129,7 @@ Outcome Mirror::whyNot(const TreeComparison::Row& row, const QSet<QByteArray>& n
                                 QString("%1: %2 stands in the way, and is left alone")
                                     .arg(text(remote), text(localPath(row.barrier))));
     }
-    if (names.contains(row.file.name + ".part")) {
+    if (names.contains(row.file.name + PartialFile::kEnding)) {
         return Outcome::failure(
             ExitCode::Unsafe,
             QString("%1: would be fetched into %2.part, and the unit has a file of that name too; "
@@ -126,6 +149,7 @@ void Mirror::showPlan(const TreeComparison& comparison) {
     for (const FetchItem& item : std::as_const(_plan.items)) {
         const TreeComparison::Row& row = *_plan.rows.value(item.remote);
         const bool isNew = row.relation == Relation::Missing;
+        _tally.add(Outcome::done());
         tell(isNew ? "+" : "*", changeOf(row.relation), row.file.name, row.file.size,
              isNew ? -1 : row.here.size);
     }
@@ -155,7 +179,8 @@ QString Mirror::costText() const {
     if (_plan.items.isEmpty()) {
         return "nothing to be sent";
     }
-    QString cost = QString("to be sent, before compression: %1 bytes at most").arg(_plan.mostBytes);
+    QString cost =
+        QString("to be sent, without compression: %1 bytes at most").arg(_plan.mostBytes);
     if (_plan.leastBytes < _plan.mostBytes) {
         cost +=
             QString(", %1 if what is here is the beginning of what is there").arg(_plan.leastBytes);
@@ -182,12 +207,17 @@ void Mirror::fetch() {
     });
 }
 
-/// Makes those that are missing. Files whose directory cannot be made are given up.
+/// Makes those that are missing. Files whose directory cannot be made are given up, with one word
+/// for all of them.
 void Mirror::prepareDirectories() {
     const auto make = [this](const QByteArray& directory) {
         const bool isMade = ::mkdir(directory.constData(), kNewDirectoryMode) == 0;
-        return isMade || errno == EEXIST ? Outcome::done()
-                                         : localFailure(directory, "cannot be made");
+        if (isMade || (errno == EEXIST && isDirectory(directory, directory == _options.local))) {
+            return Outcome::done();
+        }
+        const Outcome outcome = localFailure(directory, "cannot be made");
+        _context.output.error(outcome, text(directory));
+        return outcome;
     };
     QHash<QByteArray, Outcome> known;
     const auto prepare = [&](const QByteArray& directory) {
@@ -205,7 +235,8 @@ void Mirror::prepareDirectories() {
             slash = file.name.indexOf('/', slash + 1);
         }
         if (!outcome.isDone()) {
-            refuse(file, outcome);
+            _tally.add(outcome);
+            ++_failed;
         }
         return !outcome.isDone();
     });
@@ -216,7 +247,7 @@ void Mirror::fetchEnded(const FetchItem& item, const Outcome& outcome) {
     _tally.add(outcome);
     if (outcome.isDone()) {
         const bool isNew = row.relation == Relation::Missing;
-        tell(isNew ? "+" : "*", changeOf(row.relation), row.file.name, row.file.size,
+        tell(isNew ? "+" : "*", changeOf(row.relation), row.file.name, item.size,
              isNew ? -1 : row.here.size);
         return;
     }
@@ -235,6 +266,9 @@ void Mirror::treatOnlyHere(const QByteArrayList& names) {
     }
     for (const QByteArray& name : names) {
         if (Interrupt::requested()) {
+            const Outcome interrupted = outcomeOf(Answer::Interrupted, text(_options.root));
+            _end = _end.isDone() ? interrupted : _end;
+            _tally.add(_end);
             return;
         }
         const LocalTree::Entry entry = *_local.find(name);
@@ -260,29 +294,17 @@ bool Mirror::mayRemove() const {
 
 /// A listing may be old, or lack what the daemon could not read: the unit is asked for this name.
 Outcome Mirror::removeLocal(const QByteArray& name) {
-    const QByteArray remote = remotePath(name);
-    Outcome outcome = checkWireName(remote);
-    FileService::Entry entry;
-    if (outcome.isDone()) {
-        outcome = outcomeOf(_context.files.lookUp(remote, entry), text(remote));
+    const Outcome absence = _absence.prove(remotePath(name));
+    if (!absence.isDone()) {
+        return absence.isHopeless()
+                   ? absence
+                   : Outcome::failure(ExitCode::Unsafe,
+                                      QString("%1: not removed, the daemon cannot say that it is "
+                                              "gone there (%2)")
+                                          .arg(text(localPath(name)), absence.message));
     }
-    if (!outcome.isDone()) {
-        return outcome;
-    }
-    if (entry.kind != FileService::Entry::Kind::Missing) {
-        return Outcome::failure(
-            ExitCode::Unsafe,
-            text(localPath(name)) + ": not removed, the daemon cannot say that it is gone there");
-    }
-    if (::unlink(localPath(name).constData()) != 0) {
-        return localFailure(localPath(name), "cannot be removed");
-    }
-    ++_removed;
-    // Directories that held nothing else go too; rmdir leaves all others.
-    QByteArray directory = name;
-    do {
-        directory.truncate(qMax<qsizetype>(0, directory.lastIndexOf('/')));
-    } while (!directory.isEmpty() && ::rmdir(localPath(directory).constData()) == 0);
+    const Outcome outcome = _local.remove(name);
+    _removed += outcome.isDone() ? 1 : 0;
     return outcome;
 }
 

@@ -2,6 +2,7 @@
 
 #include "tools/storagectl/Fetch.h"
 #include "tools/storagectl/TreeComparison.h"
+#include "tools/storagectl/UnitAbsence.h"
 
 #include <QHash>
 #include <QSet>
@@ -55,6 +56,7 @@ private:
     const MirrorOptions& _options;
     UnitTree _unit;
     LocalTree _local;
+    UnitAbsence _absence;
     Fetch _fetch;
     Plan _plan;
     Tally _tally;

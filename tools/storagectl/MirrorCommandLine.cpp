@@ -49,8 +49,7 @@ QByteArray folderOf(const QByteArray& root) {
     if (!root.startsWith(start)) {
         return {};
     }
-    const QByteArray below = root.mid(start.size());
-    return below.left(below.indexOf('/'));
+    return root.mid(start.size()).split('/').first();
 }
 
 void addWait(CLI::App* sub, Options& options) {

@@ -26,11 +26,12 @@ struct Outcome {
     ExitCode code = ExitCode::Done;
     QString message;
     bool mayRetry = false;
+    bool isOfAll = false;  ///< whatever the code, it would be the same for every other file
 
     bool isDone() const { return code == ExitCode::Done; }
     /// No other file of the command can fare better.
     bool isHopeless() const {
-        return code == ExitCode::NoBroker || code == ExitCode::NoDaemon ||
+        return isOfAll || code == ExitCode::NoBroker || code == ExitCode::NoDaemon ||
                code == ExitCode::Interrupted;
     }
     static Outcome done() { return {}; }

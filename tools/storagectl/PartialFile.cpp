@@ -34,7 +34,7 @@ void syncDirectory(const QByteArray& directory) {
     }
 }
 
-PartialFile::PartialFile(const QByteArray& target) : _target(target), _path(target + ".part") {}
+PartialFile::PartialFile(const QByteArray& target) : _target(target), _path(target + kEnding) {}
 
 PartialFile::~PartialFile() {
     close();
@@ -52,17 +52,26 @@ Outcome PartialFile::open(PieceDigests& present) {
 }
 
 Outcome PartialFile::open(const std::function<void(const char* data, qint64 length)>& present) {
-    const Outcome outcome = checkTarget();
-    if (!outcome.isDone()) {
-        return outcome;
+    Outcome outcome = checkTarget();
+    if (outcome.isDone()) {
+        outcome = openLocked();
     }
+    if (outcome.isDone()) {
+        outcome = readPresent(present);
+    }
+    if (!outcome.isDone()) {
+        close();
+    }
+    return outcome;
+}
+
+Outcome PartialFile::openLocked() {
     _descriptor =
         ::open(_path.constData(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
                kNewFileMode);
     struct stat status = {};
     const bool isOpen = _descriptor >= 0 && ::fstat(_descriptor, &status) == 0;
     if ((!isOpen && errno == ELOOP) || (isOpen && !S_ISREG(status.st_mode))) {
-        close();
         return Outcome::failure(ExitCode::Unsafe, text(_path) + ": not a regular file, left alone");
     }
     if (!isOpen) {
@@ -72,21 +81,31 @@ Outcome PartialFile::open(const std::function<void(const char* data, qint64 leng
     struct stat named = {};
     if (::flock(_descriptor, LOCK_EX | LOCK_NB) != 0 || ::lstat(_path.constData(), &named) != 0 ||
         named.st_ino != status.st_ino) {
-        close();
         return Outcome::failure(ExitCode::LocalFile, text(_path) + ": another transfer writes it");
     }
-    QByteArray block;
-    block.resize(std::min<qint64>(status.st_size, kReadBytes));
+    return Outcome::done();
+}
+
+/// To its end, wherever that is by now: bytes that were missed would stay behind those that come.
+Outcome PartialFile::readPresent(
+    const std::function<void(const char* data, qint64 length)>& present) {
+    struct stat status = {};
+    ::fstat(_descriptor, &status);
+    QByteArray block(std::clamp<qint64>(status.st_size, 1, kReadBytes), Qt::Uninitialized);
     for (;;) {
         const ssize_t got =
             ::pread(_descriptor, block.data(), static_cast<std::size_t>(block.size()), _length);
-        if (got <= 0) {
-            break;
+        if (got == 0) {
+            return Outcome::done();
         }
-        present(block.constData(), got);
-        _length += got;
+        if (got < 0 && errno != EINTR) {
+            return localFailure(_path, "cannot be read");
+        }
+        if (got > 0) {
+            present(block.constData(), got);
+            _length += got;
+        }
     }
-    return Outcome::done();
 }
 
 Outcome PartialFile::checkTarget() const {
@@ -146,13 +165,25 @@ Outcome PartialFile::flush() {
 }
 
 Outcome PartialFile::putInPlace() {
+    if (!isStillItself()) {
+        return Outcome::failure(ExitCode::Unsafe,
+                                text(_path) + ": somebody else has changed or replaced it");
+    }
     return ::rename(_path.constData(), _target.constData()) == 0
                ? Outcome::done()
                : localFailure(_target, "cannot be put in place");
 }
 
+/// Another command's file of this name would be renamed.
+bool PartialFile::isStillItself() const {
+    struct stat mine = {};
+    struct stat named = {};
+    return ::fstat(_descriptor, &mine) == 0 && ::lstat(_path.constData(), &named) == 0 &&
+           mine.st_ino == named.st_ino && mine.st_dev == named.st_dev && mine.st_size == _length;
+}
+
 void PartialFile::discardIfEmpty() {
-    if (_descriptor >= 0 && _length == 0) {
+    if (_descriptor >= 0 && _length == 0 && isStillItself()) {
         ::unlink(_path.constData());
     }
 }

@@ -9,6 +9,8 @@ namespace storagectl {
 /// symbolic link or special file under either name is refused.
 class PartialFile : public Sink {
 public:
+    static constexpr char kEnding[] = ".part";
+
     explicit PartialFile(const QByteArray& target);
     ~PartialFile() override;
     PartialFile(const PartialFile&) = delete;
@@ -25,6 +27,7 @@ public:
     /// The steps of it. A rename of what was not flushed may show an empty file after a crash.
     Outcome stamp(qint64 modified);
     Outcome flush();
+    /// Unsafe where somebody else has changed or replaced it.
     Outcome putInPlace();
     /// Removes it if it holds nothing.
     void discardIfEmpty();
@@ -40,6 +43,9 @@ public:
 
 private:
     Outcome checkTarget() const;
+    Outcome openLocked();
+    Outcome readPresent(const std::function<void(const char* data, qint64 length)>& present);
+    bool isStillItself() const;
 
     QByteArray _target;
     QByteArray _path;

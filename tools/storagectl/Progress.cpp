@@ -3,12 +3,16 @@
 #include "bus/Clock.h"
 #include "tools/storagectl/Output.h"
 
+#include <utility>
+
 namespace storagectl {
 
 namespace {
 
 constexpr quint32 kRedrawMilliseconds = 100;
 constexpr quint32 kPlainLineMilliseconds = 30'000;
+/// A rate is taken of the time since the last but one of these.
+constexpr quint32 kRateMilliseconds = 10'000;
 /// Shorter than this a rate says nothing.
 constexpr qint64 kRatedMilliseconds = 50;
 
@@ -31,10 +35,14 @@ Progress::~Progress() {
 
 void Progress::begin(const QString& what, qint64 from, qint64 total) {
     _what = what;
-    _from = from;
     _total = total;
-    _begun = Clock::ticks();
-    _lastShown = _begun;
+    _lastShown = Clock::ticks();
+    _rated = _next = {from, _lastShown};
+}
+
+void Progress::skip(qint64 bytes) {
+    _rated.done += bytes;
+    _next.done += bytes;
 }
 
 bool Progress::isDue() const {
@@ -49,6 +57,9 @@ void Progress::update(qint64 done, const QString& note) {
     }
     _lastShown = Clock::ticks();
     const QString line = describe(done, _lastShown) + note;
+    if (_lastShown - _next.tick >= kRateMilliseconds) {
+        _rated = std::exchange(_next, Mark{done, _lastShown});
+    }
     if (_output.talksToTerminal()) {
         _output.status(line);
     } else {
@@ -57,8 +68,9 @@ void Progress::update(qint64 done, const QString& note) {
 }
 
 QString Progress::describe(qint64 done, quint32 now) const {
-    const qint64 elapsed = qMax<qint64>(1, now - _begun);
-    const qint64 bytesASecond = (done - _from) * 1000 / elapsed;
+    const qint64 elapsed = qMax<qint64>(1, now - _rated.tick);
+    // What is begun anew is less than it was.
+    const qint64 bytesASecond = qMax<qint64>(0, done - _rated.done) * 1000 / elapsed;
     QString text = _name + ": " + _what +
                    QString(" %1 of %2 (%3 %), %4/s")
                        .arg(humanSize(done), humanSize(_total))
@@ -73,7 +85,7 @@ QString Progress::describe(qint64 done, quint32 now) const {
 QString summaryText(const QString& what, qint64 size, qint64 resumedFrom, qint64 milliseconds) {
     const double seconds = static_cast<double>(milliseconds) / 1000;
     QString line = what + QString(", %1 bytes in %2 s").arg(size).arg(seconds, 0, 'f', 2);
-    if (milliseconds >= kRatedMilliseconds) {
+    if (milliseconds >= kRatedMilliseconds && size > resumedFrom) {
         line += QString(" (%1/s)").arg(humanSize((size - resumedFrom) * 1000 / milliseconds));
     }
     if (resumedFrom > 0) {

@@ -27,9 +27,14 @@ public:
     /// conversation broke for good.
     Outcome list(const QByteArray& root, QList<RemoteEntry>& entries);
 
+    /// The entries of one directory, likewise.
+    Outcome listDirectory(const QByteArray& directory, QList<RemoteEntry>& entries);
+
     int failures() const { return _failures; }
 
 private:
+    Outcome walk(const QByteArray& root, QList<RemoteEntry>& entries, bool goesDown);
+
     Context& _context;
     int _failures = 0;
 };

@@ -78,9 +78,12 @@ bool StreamReader::takeMark(unsigned char type) {
     }
 }
 
-/// A file or directory may fail in the middle; any other failure is an entry of its own.
+/// A file or directory may fail in the middle; any other failure is an entry of its own. So is one
+/// in the middle of an entry that was longer when it was listed: the count of entries is short
+/// then.
 bool StreamReader::takeFailure(std::string_view reason) {
-    const bool isOfOpenEntry = _open != Open::Nothing && reason == kReadError;
+    const bool isOfOpenEntry =
+        _open != Open::Nothing && reason == kReadError && _events.expectsMore();
     if (!isOfOpenEntry) {
         _events.began(StreamEvents::Start::Failure);
     }

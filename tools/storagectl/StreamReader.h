@@ -34,6 +34,9 @@ public:
     virtual void directoryEntry(const Entry& entry) = 0;
     /// Why the entry has no contents, or not all of them.
     virtual void failed(const QByteArray& reason) = 0;
+    /// Whether more may come of the entry that the last bytes belong to. If not, an error of
+    /// reading is the next one's.
+    virtual bool expectsMore() const { return true; }
 };
 
 /// Takes a download's stream apart, from pieces cut anywhere. It trusts nobody: whatever no

@@ -1,26 +1,20 @@
 #include "tools/storagectl/Transfer.h"
 
+#include "tools/storagectl/Retries.h"
+
 namespace storagectl {
 
 Outcome Transfer::run() {
-    Connection& connection = _tools.files.connection();
-    int retriesLeft = _tools.retries;
+    Retries retries(_tools.files.connection(), _tools.output, _tools.retries);
     for (;;) {
         const qint64 before = _digests.length();
         const Outcome outcome = attempt();
-        if (!outcome.mayRetry || !connection.hasAnswered()) {
+        if (outcome.isDone()) {
             return outcome;
         }
-        if (_digests.length() > before) {
-            retriesLeft = _tools.retries;
-        }
-        if (retriesLeft == 0) {
-            return outcome;
-        }
-        --retriesLeft;
-        _tools.output.talk(outcome.message + "; trying again");
-        if (connection.startAfresh() == Answer::Interrupted) {
-            return outcomeOf(Answer::Interrupted, text(_path));
+        const Outcome next = retries.next(outcome, _digests.length() > before, text(_path));
+        if (!next.isDone()) {
+            return next;
         }
     }
 }

@@ -12,7 +12,8 @@ struct TransferTools {
     FileService& files;
     Output& output;
     Progress& progress;
-    int retries;  ///< attempts in a row that may end without any progress
+    int retries;              ///< attempts in a row that may end without any progress
+    qint64 bytesASecond = 0;  ///< that a download keeps to; 0 is without a limit
 };
 
 /// Work that survives breaks: an attempt opens the remote file, proves by digests what is already

@@ -1,12 +1,12 @@
 #include "tools/storagectl/TreeComparison.h"
 
+#include "tools/storagectl/PartialFile.h"
+
 #include <QSet>
 
 namespace storagectl {
 
 namespace {
-
-constexpr char kPartial[] = ".part";
 
 /// The first directory on the way to a name that is no directory here; empty if there is none.
 QByteArray barrierBefore(const QByteArray& name, const LocalTree& local) {
@@ -25,7 +25,8 @@ TreeComparison::Relation relationOf(const UnitFile& file, const LocalTree::Entry
     if (here.size != file.size) {
         return here.size < file.size ? Relation::Shorter : Relation::Longer;
     }
-    return here.modified == file.modified ? Relation::Same : Relation::OtherTime;
+    const bool isTimeKnown = file.modified >= 0;
+    return isTimeKnown && here.modified == file.modified ? Relation::Same : Relation::OtherTime;
 }
 
 }  // namespace
@@ -39,8 +40,8 @@ TreeComparison::TreeComparison(const QList<UnitFile>& unit, const LocalTree& loc
     }
     for (auto entry = local.entries().cbegin(); entry != local.entries().cend(); ++entry) {
         const QByteArray& name = entry.key();
-        const bool isPartial =
-            name.endsWith(kPartial) && names.contains(name.chopped(sizeof kPartial - 1));
+        const bool isPartial = name.endsWith(PartialFile::kEnding) &&
+                               names.contains(name.chopped(sizeof PartialFile::kEnding - 1));
         if (entry->kind != LocalTree::Entry::Kind::Directory && !names.contains(name) &&
             !isPartial) {
             _onlyHere.append(name);

@@ -14,6 +14,9 @@ constexpr qsizetype kMostNameBytes = 64 * 1024;
 /// Of a tree: a link that leads upwards unseen would fill the memory.
 constexpr qsizetype kMostEntries = 4'000'000;
 constexpr char kNotKnown = '?';
+constexpr char kNoRoom[] =
+    "the daemon takes no more downloads at once, 64 in all; one that was left counts for ten "
+    "minutes";
 constexpr QChar kNotDecoded = QChar::ReplacementCharacter;
 
 bool isSayable(const QByteArray& path) {
@@ -46,9 +49,9 @@ TreeWalk::TreeWalk(Context& context, QList<RemoteEntry>& entries)
     : _context(context),
       _entries(entries),
       _pacing(context.options.bytesASecond),
-      _retriesLeft(context.options.retries) {}
+      _retries(context.files.connection(), context.output, context.options.retries) {}
 
-Outcome TreeWalk::run(const QByteArray& root) {
+Outcome TreeWalk::run(const QByteArray& root, bool goesDown) {
     const auto first = std::make_shared<Directory>();
     first->path = root;
     while (first->path.size() > 1 && first->path.endsWith('/')) {
@@ -62,7 +65,7 @@ Outcome TreeWalk::run(const QByteArray& root) {
         if (outcome.isDone() && level.front() == first && !first->outcome.isDone()) {
             return explainRoot(*first);
         }
-        level = std::move(next);
+        level = goesDown ? std::move(next) : Level();
     }
     return outcome;
 }
@@ -130,36 +133,26 @@ Outcome TreeWalk::stream() {
         if (job.hasEnded() && _answered == _batch.size()) {
             return outcome;
         }
-        if (job.isRefused()) {
-            outcome = job.broken("the daemon takes no more downloads at once");
-        } else if (outcome.isDone()) {
+        if (outcome.isDone() && !job.isRefused()) {
             outcome = job.broken("it does not answer what was asked");
         }
-        // The last one may not be whole.
-        _answered -= _answered > 0 ? 1 : 0;
-        _batch[_answered]->entries.clear();
-        _batch[_answered]->outcome = {};
-        if (!outcome.mayRetry) {
-            return outcome;
-        }
-        outcome = retry(outcome);
+        keepAnswered(outcome);
+        outcome = job.isRefused()
+                      ? _retries.nextAfterRefusal(job.broken(kNoRoom), text(_batch[0]->path))
+                      : _retries.next(outcome, _answered > 0, text(_batch[0]->path));
         if (!outcome.isDone() || _answered > 0) {
             return outcome;
         }
     }
 }
 
-Outcome TreeWalk::retry(const Outcome& broken) {
-    Connection& connection = _context.files.connection();
-    _retriesLeft = _answered > 0 ? _context.options.retries : _retriesLeft;
-    if (!connection.hasAnswered() || _retriesLeft == 0) {
-        return broken;
-    }
-    --_retriesLeft;
-    _context.output.talk(broken.message + "; trying again");
-    const Answer answer = connection.startAfresh();
-    return answer == Answer::Interrupted ? outcomeOf(answer, text(_batch[0]->path))
-                                         : Outcome::done();
+/// Of a stream that broke: what came over a connection that was then lost, without the last, which
+/// may not be whole. Any other break may have lost a piece before.
+void TreeWalk::keepAnswered(const Outcome& broken) {
+    const bool isCut = broken.code == ExitCode::NoBroker && _answered > 0;
+    _answered = isCut ? _answered - 1 : 0;
+    _batch[_answered]->entries.clear();
+    _batch[_answered]->outcome = {};
 }
 
 void TreeWalk::began(Start start) {

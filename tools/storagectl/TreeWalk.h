@@ -2,6 +2,7 @@
 
 #include "tools/storagectl/DownloadJob.h"
 #include "tools/storagectl/RemoteTree.h"
+#include "tools/storagectl/Retries.h"
 
 #include <memory>
 #include <vector>
@@ -15,7 +16,8 @@ class TreeWalk : private StreamEvents {
 public:
     TreeWalk(Context& context, QList<RemoteEntry>& entries);
 
-    Outcome run(const QByteArray& root);
+    /// Unless it `goesDown`, it ends with the entries of the root.
+    Outcome run(const QByteArray& root, bool goesDown);
     int failures() const { return _failures; }
 
 private:
@@ -37,7 +39,7 @@ private:
     Outcome listLevel(const Level& level, Level& next);
     std::size_t batchEnd(const Level& level, std::size_t from) const;
     Outcome stream();
-    Outcome retry(const Outcome& broken);
+    void keepAnswered(const Outcome& broken);
     Outcome addByFileService(Directory& directory, bool onlyHiddenNames);
     void addEntry(Directory& directory, RemoteEntry entry, const QByteArray& name);
     Outcome commit(const std::shared_ptr<Directory>& directory, Level& next);
@@ -49,7 +51,7 @@ private:
     QList<RemoteEntry>& _entries;
     Pacing _pacing;
     int _failures = 0;
-    int _retriesLeft;
+    Retries _retries;
     Level _batch;
     std::size_t _answered = 0;  ///< of the batch; the last of them may get more entries
     bool _hasTooMany = false;

@@ -38,29 +38,42 @@ Outcome UnitTree::read() {
 
 /// Done and a reason where there is a listing that cannot be used.
 Outcome UnitTree::readListing(QString& whyNot) {
-    const MirrorOptions& options = _context.options.mirror;
-    QByteArray path;
-    Outcome outcome = ListingRequest(_context, options.folder, options.root).make(path);
+    Listing listing;
+    const Outcome outcome = fetchNewListing(listing);
     if (!outcome.isDone()) {
         return outcome;
     }
-    Listing listing;
-    qint64 milliseconds = 0;
-    outcome = fetchListing(_context, path, options.root, listing, milliseconds);
+    if (listing.unfitLines() > 0) {
+        whyNot = QString("%1 lines of the listing are no files below the root")
+                     .arg(listing.unfitLines());
+    } else if (listing.hasDoubtfulNames()) {
+        whyNot = "a listing cannot carry all of the names that are there";
+    } else {
+        takeOver(listing);
+    }
+    return outcome;
+}
+
+/// The daemon answers the same where its storage is full, and an old listing stayed: so that one
+/// goes first.
+Outcome UnitTree::fetchNewListing(Listing& listing) {
+    const MirrorOptions& options = _context.options.mirror;
+    QByteArray path = listingPath(options.folder, options.root);
+    const Answer removed = _context.files.remove(path);
+    Outcome outcome = outcomeOf(removed == Answer::Refused ? Answer::Success : removed, text(path));
+    if (outcome.isDone()) {
+        outcome = ListingRequest(_context, options.folder, options.root).make(path);
+    }
     if (!outcome.isDone()) {
         return outcome;
+    }
+    qint64 milliseconds = 0;
+    outcome = fetchListing(_context, path, options.root, listing, milliseconds);
+    if (outcome.code == ExitCode::NotFound) {
+        outcome.message = text(path) + ": the daemon made none; its storage may be full";
     }
     if (listing.text().size() >= kRatedBytes && milliseconds >= kRatedMilliseconds) {
         _measuredRate = listing.text().size() * 1000 / milliseconds;
-    }
-    if (listing.unfitLines() > 0) {
-        whyNot = QString("%1: %2 lines are no files below the root")
-                     .arg(text(path))
-                     .arg(listing.unfitLines());
-    } else if (listing.hasDoubtfulNames()) {
-        whyNot = text(path) + ": a listing cannot carry all of the names that are there";
-    } else {
-        takeOver(listing);
     }
     return outcome;
 }

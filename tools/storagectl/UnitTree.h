@@ -34,6 +34,7 @@ public:
 
 private:
     Outcome readListing(QString& whyNot);
+    Outcome fetchNewListing(Listing& listing);
     Outcome walk();
     void takeOver(const Listing& listing);
     bool add(const UnitFile& file);
