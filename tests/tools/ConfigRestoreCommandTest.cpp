@@ -96,6 +96,56 @@ TEST_F(ConfigRestoreCommandTest, AnArchiveOfTheSameSizeAndOtherBytesIsNotRestore
     expectNotSent(7, "is not what it was when it was read");
 }
 
+TEST_F(ConfigRestoreCommandTest, AnArchiveThatGrewSinceItWasReadIsNotRestored) {
+    fateOf(MESSAGE_CONFIG_BACKUP, Fate::Answered,
+           [this] { daemon.files[kArchive].contents += panel().compressed(); });
+    expectNotSent(7, "is not what it was when it was read");
+}
+
+TEST_F(ConfigRestoreCommandTest, AnArchiveThatChangedDuringABreakIsReadAgain) {
+    const auto archiveWith = [](const QByteArray& large) {
+        return panel().file(kTop + "panel/large", large).compressed();
+    };
+    const QByteArray large = someBytes(400'000);
+    daemon.files[kRoot + "panel/large"].contents = large;
+    daemon.files[kArchive].contents = archiveWith(someBytes(300'000));
+    int reads = 0;
+    daemon.fate = [&](const Message& request) {
+        reads += request.command() == MESSAGE_FILE_READ ? 1 : 0;
+        if (request.command() != MESSAGE_FILE_READ || reads != 5) {
+            return Fate::Answered;
+        }
+        daemon.files[kArchive].contents = archiveWith(large);
+        return Fate::LostRequest;
+    };
+    EXPECT_EQ(restore(), 0) << talk.constData();
+    EXPECT_TRUE(talk.contains("starting over")) << talk.constData();
+    EXPECT_TRUE(talk.contains("2 files are as in the archive")) << talk.constData();
+}
+
+TEST_F(ConfigRestoreCommandTest, AnArchiveThatWouldDoHarmIsNotSent) {
+    const char link = TarWriter::kSymbolicLink;
+    daemon.files[kArchive].contents = panel().file("/etc/passwd", "x").compressed();
+    expectNotSent(7, "lies outside of what a backup packs");
+    daemon.files[kArchive].contents =
+        TarWriter().folder(kTop).file(kTop + "job.xml", "x").compressed();
+    expectNotSent(7, "holds no folder panel");
+    daemon.files[kArchive].contents = panel().link(link, kTop + "panel/x", "/etc").compressed();
+    expectNotSent(7, "has links that lead out of the folder");
+    daemon.files[kArchive].contents = panel().compressed().chopped(1);
+    expectNotSent(5, "it is cut short");
+}
+
+TEST_F(ConfigRestoreCommandTest, AFlagOfZeroIsAFailure) {
+    daemon.spoil = [](const Message& request, Message& reply) {
+        if (request.command() == MESSAGE_CONFIG_RESTORE) {
+            reply.construct(request.command(), "c", 0);
+        }
+    };
+    EXPECT_EQ(restore(), 1);
+    EXPECT_TRUE(talk.contains("the daemon restored nothing")) << talk.constData();
+}
+
 TEST_F(ConfigRestoreCommandTest, AnArchiveThatWasRemovedMeanwhileIsNotRestored) {
     fateOf(MESSAGE_CONFIG_BACKUP, Fate::Answered, [this] { daemon.files.remove(kArchive); });
     expectNotSent(7, "is not what it was when it was read");
@@ -123,6 +173,28 @@ TEST_F(ConfigRestoreCommandTest, AnInterruptBeforeItIsSentRestoresNothing) {
     fateOf(MESSAGE_CONFIG_BACKUP, Fate::Answered, [] { storagectl::Interrupt::request(); });
     EXPECT_EQ(restore(), 130) << talk.constData();
     EXPECT_EQ(daemon.count(MESSAGE_CONFIG_RESTORE), 0);
+}
+
+TEST_F(ConfigRestoreCommandTest, AnInterruptAtTheLastMomentRestoresNothing) {
+    int closes = 0;
+    int last = 0;
+    int interruptedAt = -1;
+    daemon.fate = [&](const Message& request) {
+        closes += request.command() == MESSAGE_FILE_CLOSE ? 1 : 0;
+        last = request.command() == MESSAGE_CONFIG_RESTORE ? closes : last;
+        if (request.command() == MESSAGE_FILE_CLOSE && closes == interruptedAt) {
+            storagectl::Interrupt::request();
+        }
+        return Fate::Answered;
+    };
+    const auto files = daemon.files;
+    ASSERT_EQ(restore(), 0);
+    interruptedAt = last;
+    closes = 0;
+    daemon.files = files;
+    EXPECT_EQ(restore(), 130) << talk.constData();
+    EXPECT_EQ(closes, interruptedAt);
+    EXPECT_EQ(daemon.count(MESSAGE_CONFIG_RESTORE), 1) << "that of the run before";
 }
 
 TEST_F(ConfigRestoreCommandTest, AnInterruptWhileTheUnitRestoresSaysThatItGoesOn) {

@@ -156,8 +156,8 @@ TEST(ConfigTarTest, AHugeExtendedHeaderIsNotReadIntoMemory) {
 
 TEST(ConfigTarTest, ExtendedHeadersThatDoNotFitAreAFault) {
     for (const char* records : {"9 path=a", "x path=a\n", "999 path=a\n", "2 \n", "-9 path=a\n",
-                                "8 pathxx\n", "9 size=-\n", "10 size=-5\n", "10 size=+5\n",
-                                "11 size=5.5\n", "10.0 path=a\n", "+9 path=a\n"}) {
+                                "8 pathxx\n", "9 size=-\n", "11 size=-5\n", "11 size=+5\n",
+                                "12 size=5.5\n", "12.0 path=a\n", "+11 path=a\n"}) {
         TarWriter writer;
         writer.add({.name = "x", .type = 'x', .contents = records}).file("y", "");
         EXPECT_EQ(read(writer.bytes()).fault, "a member's extended header is damaged") << records;
@@ -293,6 +293,7 @@ TEST(ConfigContentsTest, HostileMembersAreHazards) {
         {{.name = kTop + "x/passwd"}, {.name = kTop + "x", .type = link, .target = "/etc"}},
         {{.name = kTop + "x", .type = link, .target = "/etc"}, {.name = kTop + "x/y/passwd"}},
         {{.name = kTop + "x"}, {.name = kTop + "x/y/z"}},
+        {{.name = kTop + "panel/l", .type = link, .target = "x"}, {.name = kTop + "panel/l/y/z"}},
         {{.name = kTop + "x", .type = TarWriter::kHardLink, .target = "/etc/passwd"}},
         {{.name = kTop + "x", .type = TarWriter::kHardLink, .target = kTop + "later"},
          {.name = kTop + "later"}},

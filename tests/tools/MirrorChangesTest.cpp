@@ -138,6 +138,56 @@ TEST_F(MirrorChangesTest, WhatCameToTheUnitMeanwhileIsNotRemoved) {
     expectNothingRemoved("/mmc/job/day/extra: is there");
 }
 
+TEST_F(MirrorChangesTest, WhatWasThereAMomentAgoIsNotRemoved) {
+    onUnit("day/same", "same");
+    here("day/same", "same");
+    here("day/extra", "extra");
+    at(MESSAGE_FILE_OPEN, [this] { onUnit("day/extra", "extra"); });
+    downloads.onMessage = [this](int) {
+        at(MESSAGE_OPEN_DIRECTORY, [this] { daemon.files.remove("/mmc/job/day/extra"); });
+        return true;
+    };
+    expectNothingRemoved("/mmc/job/day/extra: is there");
+}
+
+TEST_F(MirrorChangesTest, ADirectoryWithNamesThatCannotBeToldRemovesNothing) {
+    onUnit("day/same", "same");
+    here("day/same", "same");
+    here("day/extra", "extra");
+    daemon.files["/mmc/job/day/../x"] = {};
+    expectNothingRemoved("/mmc/job/day: not all of it could be listed");
+}
+
+TEST_F(MirrorChangesTest, ATreeThatCouldNotBeReadAsAWholeRemovesNothing) {
+    onUnit("same", "same");
+    onUnit("day/file", "x");
+    here("same", "same");
+    here("extra", "extra");
+    downloads.failures["/mmc/job/day/."] = "Open error";
+    EXPECT_EQ(run({"mirror", "/mmc/job", path("mirror").toStdString(), "--delete"}), 3);
+    EXPECT_EQ(read("extra"), "extra");
+    EXPECT_TRUE(talk.contains("nothing is removed: not every file of the unit could be listed"))
+        << talk.constData();
+}
+
+TEST_F(MirrorChangesTest, CheckOfATreeThatCouldNotBeReadAsAWholeSaysSo) {
+    onUnit("same", "same");
+    onUnit("day/file", "x");
+    here("same", "same");
+    downloads.failures["/mmc/job/day/."] = "Open error";
+    EXPECT_EQ(run({"check", "/mmc/job", path("mirror").toStdString()}), 3);
+    EXPECT_TRUE(talk.contains("could not list it")) << talk.constData();
+}
+
+TEST_F(MirrorChangesTest, CheckByHashOfAFileThatGrewSinceItsListingFindsThat) {
+    onUnit("file", "abc");
+    here("file", "abc");
+    at(MESSAGE_FILE_OPEN, [this] { onUnit("file", "abcd"); });
+    EXPECT_EQ(
+        run({"check", "/mmc/job", path("mirror").toStdString(), "--folder", "user1", "--hash"}), 1);
+    EXPECT_EQ(data, "* file (contents)\n");
+}
+
 TEST_F(MirrorChangesTest, ManyFilesOfADirectoryAreAskedForWithOneListing) {
     onUnit("day/same", "same");
     here("day/same", "same");
@@ -203,6 +253,31 @@ TEST_F(MirrorChangesTest, AListingThatOnlyStayedIsNotTakenForANewOne) {
     EXPECT_TRUE(talk.contains("its storage may be full; the tree is read directory by directory"))
         << talk.constData();
     EXPECT_EQ(read("new"), "new");
+}
+
+TEST_F(MirrorChangesTest, AListingWithLinesThatAreNoneIsNotUsed) {
+    onUnit("same", "same");
+    onUnit("new", "new");
+    here("same", "same");
+    at(MESSAGE_FILE_OPEN, [this] {
+        daemon.files[kListing].contents = "1,1,/etc/passwd\n4,1714521600,/mmc/job/same\n";
+    });
+    EXPECT_EQ(mirror(), 0) << talk.constData();
+    EXPECT_TRUE(talk.contains("1 lines of the listing are no files below the root; the tree is"))
+        << talk.constData();
+    EXPECT_EQ(read("new"), "new");
+}
+
+TEST_F(MirrorChangesTest, AListingThatNamesAFileTwiceRemovesNothing) {
+    onUnit("same", "same");
+    here("same", "same");
+    here("extra", "extra");
+    at(MESSAGE_FILE_OPEN, [this] {
+        const QByteArray line = "4,1714521600,/mmc/job/same\n";
+        daemon.files[kListing].contents = line + line;
+    });
+    EXPECT_EQ(mirror({"--delete"}), 3);
+    EXPECT_EQ(read("extra"), "extra");
 }
 
 TEST_F(MirrorChangesTest, ARootRightBelowDataIsItsOwnFolder) {

@@ -53,6 +53,8 @@ Outcome Download::takeUp(const FileService::OpenFile& file) {
         outcome = prove(file, proved);
     }
     if (outcome.isDone() && !proved) {
+        // Another file by now: so many bytes of it never were a whole one.
+        _size = file.size;
         outcome = startOver("the partial file has other contents");
     }
     if (outcome.isDone() && _resumedFrom < 0) {

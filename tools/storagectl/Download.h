@@ -13,7 +13,7 @@ public:
     virtual bool startOver() = 0;
 };
 
-/// Fetches a file as it was when its size was first asked.
+/// Fetches a file as it was when its size was first asked, or when it last started over.
 class Download : public Transfer {
 public:
     /// `digests` describe the bytes that the sink holds already, from an earlier run.

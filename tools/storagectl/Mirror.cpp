@@ -68,6 +68,9 @@ ExitCode Mirror::run() {
         _context.output.error(read);
         return read.code;
     }
+    if (!_unit.isComplete()) {
+        _tally.add(Outcome::failure(ExitCode::Failed, "not all of it could be listed"));
+    }
     const TreeComparison comparison(_unit.files(), _local);
     plan(comparison);
     if (_options.dryRun) {
