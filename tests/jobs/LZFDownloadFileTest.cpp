@@ -200,11 +200,14 @@ TEST_F(LZFDownloadFileTest, AnUnreadableFileIsAnOpenError) {
 
 TEST_F(LZFDownloadFileTest, WithoutAFreeDescriptorFilesAndDirectoriesAreOpenErrors) {
     writeTestFile(kFile, "x");
+    const QString request = QString(kFile) + "\n/root/data";
+    // With descriptors first; a sanitizer learns the types here that it could not look into below.
+    ASSERT_EQ(download(request).items().front().bytes, "x");
     rlimit before;
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
     const rlimit none{3, before.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    const DownloadDecoder decoder = download(QString(kFile) + "\n/root/data");
+    const DownloadDecoder decoder = download(request);
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
     ASSERT_EQ(decoder.items().size(), 2U);
     EXPECT_EQ(decoder.items()[0].bytes, "Open error");
